@@ -1,0 +1,10 @@
+#include <windows.h>
+
+#include "module/CMoradeldllModule.h"
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE hInstance, DWORD dwReason, LPVOID /*lpReserved*/)
+{
+    if (dwReason == DLL_PROCESS_ATTACH)
+        DisableThreadLibraryCalls(hInstance);
+    return TRUE;
+}
