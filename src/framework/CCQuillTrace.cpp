@@ -66,16 +66,25 @@ struct FileHandle {
     FileHandle& operator=(const FileHandle&) = delete;
 };
 
-// Appends through FILE_APPEND_DATA so that each write lands at the end of the
-// file as a whole, also when other processes append to the same file.
+// Appends one whole line. Writers in other processes hold their own semaphore, so
+// the end of the file is found and written under a lock on a byte far beyond any
+// content, which every writer of the file takes for this moment only.
 bool AppendToFile(const wchar_t* wszPath, const void* pData, DWORD cbData)
 {
-    FileHandle file(CreateFileW(wszPath, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    FileHandle file(CreateFileW(wszPath, FILE_APPEND_DATA | FILE_WRITE_DATA,
+                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
+                                FILE_ATTRIBUTE_NORMAL, nullptr));
     if (file.h == INVALID_HANDLE_VALUE)
         return false;
+    OVERLAPPED lockRange = {};
+    lockRange.OffsetHigh = 0x7FFFFFFF;
+    const bool bLocked = LockFileEx(file.h, LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &lockRange) != FALSE;
     DWORD cbWritten = 0;
-    return WriteFile(file.h, pData, cbData, &cbWritten, nullptr) && cbWritten == cbData;
+    const bool bWritten = SetFilePointer(file.h, 0, nullptr, FILE_END) != INVALID_SET_FILE_POINTER &&
+                          WriteFile(file.h, pData, cbData, &cbWritten, nullptr) && cbWritten == cbData;
+    if (bLocked)
+        UnlockFileEx(file.h, 0, 1, 0, &lockRange);
+    return bWritten;
 }
 
 std::string ModuleVersionText(const wchar_t* wszModulePath)
@@ -516,28 +525,61 @@ void CCQuillTrace::FinishLine()
     }
 }
 
-void CCQuillTrace::CreateTraceFile()
+bool CCQuillTrace::CreateTraceFile(bool bReplace)
 {
-    FileHandle file(CreateFileW(m_wszFileName, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (file.h == INVALID_HANDLE_VALUE)
-        return;
     const wchar_t wcBom = 0xFEFF;
     DWORD cbWritten = 0;
-    WriteFile(file.h, &wcBom, sizeof(wcBom), &cbWritten, nullptr);
+    if (bReplace) {
+        FileHandle file(CreateFileW(m_wszFileName, GENERIC_WRITE,
+                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, CREATE_ALWAYS,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr));
+        if (file.h == INVALID_HANDLE_VALUE)
+            return false;
+        WriteFile(file.h, &wcBom, sizeof(wcBom), &cbWritten, nullptr);
+    } else {
+        // Another process may create the same file at the same moment: the file appears
+        // complete with its byte-order mark, or not at all, and never replaces the other's.
+        std::wstring wsTemporary;
+        try {
+            wchar_t wszSuffix[32];
+            swprintf(wszSuffix, 32, L".%08lx.tmp", GetCurrentProcessId());
+            wsTemporary = std::wstring(m_wszFileName) + wszSuffix;
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+        {
+            FileHandle file(CreateFileW(wsTemporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                        FILE_ATTRIBUTE_NORMAL, nullptr));
+            if (file.h == INVALID_HANDLE_VALUE)
+                return false;
+            WriteFile(file.h, &wcBom, sizeof(wcBom), &cbWritten, nullptr);
+        }
+        if (!MoveFileExW(wsTemporary.c_str(), m_wszFileName, MOVEFILE_WRITE_THROUGH)) {
+            DeleteFileW(wsTemporary.c_str());
+            return false;
+        }
+    }
     if (m_ulSizeLimit)
         m_ulBytesWritten = 2;
     if (m_ulTimeLimit)
         m_llSwitchDeadline = NowSeconds() + static_cast<int64_t>(m_ulTimeLimit) * 60;
+    return true;
+}
+
+void CCQuillTrace::PrepareFirstWrite()
+{
+    if (!m_bFirstWritePending)
+        return;
+    if (m_bClearOnStart)
+        CreateTraceFile(true);
+    else if (!FileExists(m_wszFileName))
+        CreateTraceFile(false);
+    m_bFirstWritePending = false;
 }
 
 void CCQuillTrace::AppendRawWide(const wchar_t* wszText)
 {
-    if (m_bFirstWritePending) {
-        if (m_bClearOnStart || !FileExists(m_wszFileName))
-            CreateTraceFile();
-        m_bFirstWritePending = false;
-    }
+    PrepareFirstWrite();
     const DWORD cb = static_cast<DWORD>(wcslen(wszText) * sizeof(wchar_t));
     if (AppendToFile(m_wszFileName, wszText, cb))
         m_ulBytesWritten += cb;
@@ -545,11 +587,7 @@ void CCQuillTrace::AppendRawWide(const wchar_t* wszText)
 
 void CCQuillTrace::WriteLineToFile()
 {
-    if (m_bFirstWritePending) {
-        if (m_bClearOnStart || !FileExists(m_wszFileName))
-            CreateTraceFile();
-        m_bFirstWritePending = false;
-    }
+    PrepareFirstWrite();
     if (m_ulSizeLimit && m_ulBytesWritten > m_ulSizeLimit) {
         FileSwitch();
     } else if (m_ulTimeLimit && NowSeconds() > m_llSwitchDeadline) {
@@ -621,7 +659,7 @@ void CCQuillTrace::FileSwitch()
         AppendLine();
     }
     if (FileExists(wsHistory.c_str())) {
-        CreateTraceFile();
+        CreateTraceFile(true);
     } else {
         AppendLine();
         WriteFixedLine("31.12.2030 23:59:59.999\t9999\t9999\terror\tCCQuillTrace\tFileSwitch\tException\t"

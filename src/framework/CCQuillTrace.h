@@ -58,6 +58,8 @@ public:
     void FileSwitch();
 
     bool IsEnabled() const { return m_bEnabled; }
+    // True when a line of this level would be written: lets callers skip building texts.
+    bool WouldTrace(unsigned long ulLevel) const { return m_bEnabled && ulLevel <= m_ulLevel; }
     bool IsGlobal() const { return m_bGlobal; }
     bool IsInfoShown() const { return m_bInfoShown; }
     bool IsClearOnStart() const { return m_bClearOnStart; }
@@ -85,7 +87,8 @@ private:
     void WriteLineToFile();
     void AppendLine();
     void AppendRawWide(const wchar_t* wszText);
-    void CreateTraceFile();
+    bool CreateTraceFile(bool bReplace);
+    void PrepareFirstWrite();
     void WriteFixedLine(const char* szFormat, ...);
     void FillModuleName();
     unsigned long ReadDword(HKEY hKey, const char* szName, unsigned long ulDefault, bool* pbPresent = nullptr);

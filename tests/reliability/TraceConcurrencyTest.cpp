@@ -33,7 +33,8 @@ TEST(TraceProcesses, TwoProcessesWriteOneFileWithoutTornLines)
 {
     TempDir dir;
     const std::wstring wsFile = dir.File(L"shared.trc");
-    TestRegistryKey key("Software\\Tessaline Systems\\Common\\Tracing\\Tests\\TwoProcesses");
+    TestRegistryKey key("Software\\Tessaline Systems\\Common\\Tracing\\Tests\\TwoProcesses" +
+                        std::to_string(GetCurrentProcessId()));
     key.SetDword("Trace", 1);
     key.SetDword("TraceLevel", 3);
     key.SetString("TraceFile", Narrow(wsFile));

@@ -7,7 +7,8 @@ void TraceTest::SetUp()
     gg_ptrc = nullptr;
     const testing::TestInfo* pInfo = testing::UnitTest::GetInstance()->current_test_info();
     m_pKey = std::make_unique<TestRegistryKey>(std::string("Software\\Tessaline Systems\\Common\\Tracing\\Tests\\") +
-                                               pInfo->test_suite_name() + "." + pInfo->name());
+                                               pInfo->test_suite_name() + "." + pInfo->name() + "." +
+                                               std::to_string(GetCurrentProcessId()));
 }
 
 void TraceTest::TearDown()
