@@ -139,7 +139,7 @@ HRESULT CCWMIAccess::AttachNamespace(IWbemServices* pServices)
     }
     m_pServices.Reset();
     m_szNamespace[0] = '\0';
-    m_pServices.Attach(pServices);  // the caller's reference passes to this object
+    TakeOwnership(m_pServices, pServices);  // the caller's reference passes to this object
     return trace.Return(S_OK);
 }
 
@@ -152,7 +152,7 @@ HRESULT CCWMIAccess::AttachInstanceObject(IWbemClassObject* pObject)
         return trace.Return(WBEM_E_INVALID_PARAMETER);
     }
     m_pCurrentObject.Reset();
-    m_pCurrentObject.Attach(pObject);
+    TakeOwnership(m_pCurrentObject, pObject);
     return trace.Return(S_OK);
 }
 

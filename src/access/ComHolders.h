@@ -4,6 +4,16 @@
 #include <windows.h>
 #include <oleauto.h>
 
+#include <wrl/client.h>
+
+// Hands an owned reference to a ComPtr without adding one. mingw-w64's ComPtr::Attach adds a
+// reference (unlike the Windows SDK's), so code never calls Attach.
+template <class T>
+void TakeOwnership(Microsoft::WRL::ComPtr<T>& pTarget, T* pOwned)
+{
+    *pTarget.ReleaseAndGetAddressOf() = pOwned;
+}
+
 // Owns one BSTR.
 class CCBstr {
 public:

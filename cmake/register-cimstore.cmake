@@ -1,0 +1,36 @@
+# Registers CimStore.dll in the build's prefix and makes it the WMI locator there; on the way
+# proves that regsvr32 registers its own class and that the WMI takeover can be undone.
+string(REPLACE "/" "\\" dll_windows "Z:${DLL}")
+set(own_key "HKCR\\CLSID\\{B7C3E9A2-5D41-4F6B-8E0A-3C9D2F1A7B64}\\InprocServer32")
+set(wmi_keys "HKCR\\CLSID\\{4590F811-1D3A-11D0-891F-00AA004B2E24}\\InprocServer32"
+             "HKCR\\CLSID\\{CB8555CC-9128-11D1-AD9B-00C04FD8FDFF}\\InprocServer32")
+
+function(run)
+    execute_process(COMMAND ${EMULATOR} ${ARGN} RESULT_VARIABLE result OUTPUT_QUIET ERROR_QUIET)
+    if(NOT result EQUAL 0)
+        message(FATAL_ERROR "${ARGN} failed: ${result}")
+    endif()
+endfunction()
+
+function(expect_server key pattern)
+    execute_process(COMMAND ${EMULATOR} reg query ${key} /ve OUTPUT_VARIABLE output ERROR_QUIET)
+    if(NOT output MATCHES "${pattern}")
+        message(FATAL_ERROR "${key}: expected ${pattern}, found: ${output}")
+    endif()
+endfunction()
+
+run(regsvr32 /s ${dll_windows})
+expect_server("${own_key}" "CimStore\\.dll")
+run(regsvr32 /s /n /i:wmi ${dll_windows})
+foreach(key ${wmi_keys})
+    expect_server("${key}" "CimStore\\.dll")
+endforeach()
+run(regsvr32 /s /u /n /i:wmi ${dll_windows})
+foreach(key ${wmi_keys})
+    expect_server("${key}" "wbemprox\\.dll")
+endforeach()
+run(regsvr32 /s /n /i:wmi ${dll_windows})
+foreach(key ${wmi_keys})
+    expect_server("${key}" "CimStore\\.dll")
+endforeach()
+message(STATUS "CimStore is the WMI locator of the prefix")

@@ -1,0 +1,60 @@
+#include "WbemTestClient.h"
+
+using Microsoft::WRL::ComPtr;
+
+HRESULT ConnectWmi(const wchar_t* wszNamespace, ComPtr<IWbemServices>& pServices, IWbemContext* pContext)
+{
+    ComPtr<IWbemLocator> pLocator;
+    const HRESULT hr = CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemLocator,
+                                        reinterpret_cast<void**>(pLocator.GetAddressOf()));
+    if (FAILED(hr))
+        return hr;
+    CCBstr bstrNamespace(wszNamespace);
+    return pLocator->ConnectServer(bstrNamespace.Get(), nullptr, nullptr, nullptr, 0, nullptr, pContext,
+                                   pServices.ReleaseAndGetAddressOf());
+}
+
+HRESULT QueryAll(IWbemServices* pServices, const std::wstring& wsQuery, WbemObjects& out)
+{
+    out.clear();
+    CCBstr bstrLanguage(L"WQL");
+    CCBstr bstrQuery(wsQuery.c_str());
+    ComPtr<IEnumWbemClassObject> pEnum;
+    HRESULT hr = pServices->ExecQuery(bstrLanguage.Get(), bstrQuery.Get(), WBEM_FLAG_FORWARD_ONLY, nullptr,
+                                      pEnum.GetAddressOf());
+    if (FAILED(hr))
+        return hr;
+    for (;;) {
+        IWbemClassObject* pObject = nullptr;
+        ULONG uReturned = 0;
+        hr = pEnum->Next(WBEM_INFINITE, 1, &pObject, &uReturned);
+        if (FAILED(hr))
+            return hr;
+        if (uReturned == 0)
+            return S_OK;
+        ComPtr<IWbemClassObject> pOwned;
+        TakeOwnership(pOwned, pObject);
+        out.push_back(pOwned);
+    }
+}
+
+HRESULT GetObjectByPath(IWbemServices* pServices, const std::wstring& wsPath, ComPtr<IWbemClassObject>& pObject)
+{
+    CCBstr bstrPath(wsPath.c_str());
+    return pServices->GetObject(bstrPath.Get(), 0, nullptr, pObject.ReleaseAndGetAddressOf(), nullptr);
+}
+
+std::wstring PropertyText(IWbemClassObject* pObject, const wchar_t* wszName)
+{
+    CCVariant value;
+    if (FAILED(pObject->Get(wszName, 0, value.GetAddress(), nullptr, nullptr)))
+        return L"<error>";
+    if (value.Type() == VT_NULL || value.Type() == VT_EMPTY)
+        return L"";
+    if (value.Type() == VT_BSTR)
+        return V_BSTR(&value.Get()) ? V_BSTR(&value.Get()) : L"";
+    CCVariant text;
+    if (FAILED(VariantChangeType(text.GetAddress(), value.Ptr(), 0, VT_BSTR)))
+        return L"<unprintable>";
+    return V_BSTR(&text.Get());
+}
