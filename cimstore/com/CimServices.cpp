@@ -92,7 +92,7 @@ HRESULT CimServices::QueryBlanket(IUnknown*, DWORD* pAuthnSvc, DWORD* pAuthzSvc,
 
 HRESULT CimServices::SetBlanket(IUnknown*, DWORD, DWORD, OLECHAR*, DWORD, DWORD, void*, DWORD)
 {
-    return S_OK;
+    return Guard([&] { return StoreState::Get().CheckFault(L"SetBlanket", {m_wsNamespace}); });
 }
 
 HRESULT CimServices::CopyProxy(IUnknown* pProxy, IUnknown** ppCopy)

@@ -122,6 +122,14 @@ LONG WINAPI CimStoreCallCount()
     return StoreState::Get().CallCount();
 }
 
+HRESULT WINAPI CimStoreLastLocatorClass(CLSID* pClsid)
+{
+    if (!pClsid)
+        return E_INVALIDARG;
+    *pClsid = StoreState::Get().LastLocatorClass();
+    return S_OK;
+}
+
 LONG WINAPI CimStoreContextRecordCount()
 {
     try {

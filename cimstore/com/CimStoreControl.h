@@ -38,6 +38,10 @@ CIMSTORE_API HRESULT WINAPI CimStoreInjectFault(const wchar_t* wszMethod, const 
 CIMSTORE_API HRESULT WINAPI CimStoreClearFaults();
 CIMSTORE_API LONG WINAPI CimStoreCallCount();
 
+// The class through which the last locator was created (CLSID_WbemLocator,
+// CLSID_WbemAdministrativeLocator or CimStore's own); GUID_NULL before the first.
+CIMSTORE_API HRESULT WINAPI CimStoreLastLocatorClass(CLSID* pClsid);
+
 // Context values received with each call, in call order.
 CIMSTORE_API LONG WINAPI CimStoreContextRecordCount();
 // The method of record lIndex and the value named wszName (WBEM_E_NOT_FOUND when the call

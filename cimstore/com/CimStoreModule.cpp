@@ -1,8 +1,10 @@
 // The in-process server: class factory, unloading, registration of its own class and,
 // on request, of the two WMI locator classes of this Wine prefix.
+#include "access/ComHolders.h"
 #include "access/WbemGuids.h"
 #include "cimstore/com/CimLocator.h"
 #include "cimstore/com/CimStoreControl.h"
+#include "cimstore/com/StoreState.h"
 
 #include <cwchar>
 #include <string>
@@ -31,8 +33,11 @@ HMODULE g_hModule = nullptr;
 constexpr wchar_t kPlatformServer[] = L"C:\\windows\\system32\\wbem\\wbemprox.dll";
 constexpr wchar_t kSavedServersKey[] = L"SOFTWARE\\CimStore\\SavedServers";
 
+// One factory per class the DLL serves, so that a created locator knows which class was asked for.
 class LocatorFactory final : public IClassFactory {
 public:
+    explicit LocatorFactory(const CLSID& clsid) : m_clsid(clsid) {}
+
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override
     {
         if (!ppv)
@@ -56,10 +61,10 @@ public:
         if (pOuter)
             return CLASS_E_NOAGGREGATION;
         return Guard([&] {
-            auto* pLocator = new CimLocator();
-            const HRESULT hr = pLocator->QueryInterface(riid, ppv);
-            pLocator->Release();
-            return hr;
+            StoreState::Get().RecordLocatorClass(m_clsid);
+            Microsoft::WRL::ComPtr<CimLocator> pLocator;
+            TakeOwnership(pLocator, new CimLocator());
+            return pLocator->QueryInterface(riid, ppv);
         });
     }
     HRESULT STDMETHODCALLTYPE LockServer(BOOL bLock) override
@@ -67,9 +72,14 @@ public:
         bLock ? ++ServerLocks() : --ServerLocks();
         return S_OK;
     }
+
+private:
+    const CLSID& m_clsid;
 };
 
-LocatorFactory g_factory;
+LocatorFactory g_ownFactory(CLSID_CimStoreLocator);
+LocatorFactory g_wmiFactory(CLSID_WbemLocator);
+LocatorFactory g_administrativeFactory(CLSID_WbemAdministrativeLocator);
 
 std::wstring ClsidText(REFCLSID clsid)
 {
@@ -165,9 +175,13 @@ STDAPI DllGetClassObject(REFCLSID rclsid, REFIID riid, void** ppv)
     if (!ppv)
         return E_POINTER;
     *ppv = nullptr;
-    if (rclsid != CLSID_CimStoreLocator && rclsid != CLSID_WbemLocator && rclsid != CLSID_WbemAdministrativeLocator)
-        return CLASS_E_CLASSNOTAVAILABLE;
-    return g_factory.QueryInterface(riid, ppv);
+    if (rclsid == CLSID_CimStoreLocator)
+        return g_ownFactory.QueryInterface(riid, ppv);
+    if (rclsid == CLSID_WbemLocator)
+        return g_wmiFactory.QueryInterface(riid, ppv);
+    if (rclsid == CLSID_WbemAdministrativeLocator)
+        return g_administrativeFactory.QueryInterface(riid, ppv);
+    return CLASS_E_CLASSNOTAVAILABLE;
 }
 
 STDAPI DllCanUnloadNow()

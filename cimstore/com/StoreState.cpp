@@ -130,6 +130,18 @@ long StoreState::CallCount() const
     return m_lCalls;
 }
 
+void StoreState::RecordLocatorClass(const CLSID& clsid)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_lastLocatorClass = clsid;
+}
+
+CLSID StoreState::LastLocatorClass() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_lastLocatorClass;
+}
+
 void StoreState::RecordContext(const wchar_t* wszMethod, IWbemContext* pContext)
 {
     ContextRecord record;
@@ -147,10 +159,26 @@ void StoreState::RecordContext(const wchar_t* wszMethod, IWbemContext* pContext)
             pContext->EndEnumeration();
         }
         if (record.values.empty()) {
-            for (const wchar_t* wszName : {L"FeatureName", L"FeatureVersion", L"ContextName"}) {
+            // Wine's context enumerates nothing; its names list still tells what it holds.
+            CCSafeArray names;
+            std::vector<std::wstring> wanted;
+            if (SUCCEEDED(pContext->GetNames(0, names.GetAddress())) && names.Get()) {
+                LONG lLower = 0;
+                LONG lUpper = -1;
+                SafeArrayGetLBound(names.Get(), 1, &lLower);
+                SafeArrayGetUBound(names.Get(), 1, &lUpper);
+                for (LONG i = lLower; i <= lUpper; ++i) {
+                    CCBstr bstrName;
+                    if (SUCCEEDED(SafeArrayGetElement(names.Get(), &i, bstrName.GetAddress())) && bstrName)
+                        wanted.push_back(bstrName.Get());
+                }
+            }
+            if (wanted.empty())
+                wanted = {L"FeatureName", L"FeatureVersion", L"ContextName"};
+            for (const std::wstring& wsName : wanted) {
                 CCVariant value;
-                if (SUCCEEDED(pContext->GetValue(wszName, 0, value.GetAddress())))
-                    record.values.emplace_back(wszName, VariantText(value.Get()));
+                if (SUCCEEDED(pContext->GetValue(wsName.c_str(), 0, value.GetAddress())))
+                    record.values.emplace_back(wsName, VariantText(value.Get()));
             }
         }
     }

@@ -47,6 +47,9 @@ public:
     void ClearFaults();
     long CallCount() const;
 
+    void RecordLocatorClass(const CLSID& clsid);
+    CLSID LastLocatorClass() const;
+
     void RecordContext(const wchar_t* wszMethod, IWbemContext* pContext);
     std::vector<ContextRecord> ContextRecords() const;
     void ClearContextRecords();
@@ -62,6 +65,7 @@ private:
     std::vector<FaultRule> m_faults;
     long m_lCalls = 0;
     std::vector<ContextRecord> m_records;
+    CLSID m_lastLocatorClass = {};
 };
 
 }  // namespace cimstore::com

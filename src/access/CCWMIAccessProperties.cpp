@@ -188,6 +188,9 @@ HRESULT CCWMIAccess::GetMappedProperty(const char* szPropertyName, VARIANT* pvVa
             RaiseHr(WBEM_E_TYPE_MISMATCH, kName,
                     "Throwing exception because 'ValueMap' is not an array, but should be!", "");
 
+        // A property without a value has nothing to map.
+        if (V_VT(pvValue) == VT_NULL || V_VT(pvValue) == VT_EMPTY)
+            return S_OK;
         // The raw value as a 32-bit integer, whatever integer type the service delivered it in.
         CCVariant varNumber;
         if (FAILED(VariantChangeType(varNumber.GetAddress(), pvValue, 0, VT_I4)))
