@@ -1,0 +1,268 @@
+#include "core/CNotfyBase.h"
+
+#include "access/CCStringConversion.h"
+#include "access/ComHolders.h"
+#include "core/ThresholdState.h"
+#include "framework/CCMethodTrace.h"
+#include "framework/HResultError.h"
+
+#include <cstdint>
+
+using Microsoft::WRL::ComPtr;
+
+namespace {
+
+constexpr char kEntered[] = "has been entered.";
+
+unsigned Address(const void* p)
+{
+    return static_cast<unsigned>(reinterpret_cast<uintptr_t>(p));
+}
+
+const char* Text(const char* sz)
+{
+    return sz ? sz : "";
+}
+
+HRESULT PutI4(CCWMIAccess& access, const char* szProperty, LONG lValue)
+{
+    CCVariant value;
+    V_VT(value.Ptr()) = VT_I4;
+    V_I4(value.Ptr()) = lValue;
+    return access.SetProperty(szProperty, value.Ptr());
+}
+
+}  // namespace
+
+CNotfyBase::CNotfyBase()
+{
+    GetTrace().TraceMsg(TRACE_INFO, "CNotfyBase::CNotfyBase", "Internal", "An instance of CNotfyBase has been created.",
+                        "");
+}
+
+CNotfyBase::~CNotfyBase()
+{
+    m_instanceList.clear();
+    m_obsoleteList.clear();
+    GetTrace().TraceMsg(TRACE_INFO, "CNotfyBase::~CNotfyBase", "Internal",
+                        "An instance of CNotfyBase has been destroyed.", "");
+}
+
+void CNotfyBase::Append(CInstanceList& list, IWbemClassObject* pObject)
+{
+    // The list grows in blocks of ten entries.
+    if (list.size() == list.capacity())
+        list.reserve(list.capacity() + 10);
+    list.emplace_back(pObject);
+}
+
+HRESULT CNotfyBase::Init(IWbemServices* pNamespace, const CNotfyNames* pNames)
+{
+    CCMethodTrace trace(TRACE_INFO, "CNotfyBase::Init", kEntered, "pNamespace: 0x%08X, pNames: 0x%08X",
+                        Address(pNamespace), Address(pNames));
+    if (!pNamespace || !pNames)
+        return trace.Return(E_INVALIDARG);
+    return trace.Return(CatchHr([&]() -> HRESULT {
+        m_wmi = pNamespace;
+        m_context["FeatureName"] = Text(pNames->szFeatureName);
+        m_context["FeatureVersion"] = Text(pNames->szFeatureVersion);
+        m_context["ContextName"] = Text(pNames->szContextName);
+        m_wmi.SetContext(m_context);
+        return S_OK;
+    }));
+}
+
+HRESULT CNotfyBase::GetInstances(IWbemClassObject** ppInstances, unsigned long* pulNoOfInstances)
+{
+    CCMethodTrace trace(TRACE_INFO, "CNotfyBase::GetInstances", kEntered, "ppInstances: 0x%08X, pulNoOfInstances: 0x%08X",
+                        Address(ppInstances), Address(pulNoOfInstances));
+    if (!pulNoOfInstances)
+        return trace.Return(E_INVALIDARG);
+    if (!IsSupported()) {
+        *pulNoOfInstances = 0;
+        return trace.Return(S_OK);
+    }
+    HRESULT hr = NOTFY_S_UNCHANGED;
+    if (m_bRetrieved) {
+        GetTrace().TraceMsg(TRACE_VERBOSE, "CNotfyBase::GetInstances", "Internal",
+                            "Data already retrieved, taking cached data.", "");
+    } else {
+        hr = CatchHr([&]() { return RetrieveInstances(); });
+        if (FAILED(hr)) {
+            // Nothing of a half-finished retrieval may be handed out later.
+            m_instanceList.clear();
+            *pulNoOfInstances = 0;
+            return trace.Return(hr);
+        }
+        m_bRetrieved = true;
+    }
+    *pulNoOfInstances = static_cast<unsigned long>(m_instanceList.size());
+    if (ppInstances) {
+        for (size_t i = 0; i < m_instanceList.size(); ++i) {
+            ppInstances[i] = m_instanceList[i].Get();
+            ppInstances[i]->AddRef();
+        }
+    }
+    return trace.Return(hr);
+}
+
+HRESULT CNotfyBase::AddToList()
+{
+    CCMethodTrace trace(TRACE_INFO, "CNotfyBase::AddToList", kEntered);
+    return trace.Return(CatchHr([&]() -> HRESULT {
+        IWbemClassObject* pCurrent = m_wmi;
+        if (pCurrent)
+            Append(m_instanceList, pCurrent);
+        return S_OK;
+    }));
+}
+
+HRESULT CNotfyBase::SetEventType(unsigned long dwStatus)
+{
+    constexpr char kName[] = "CNotfyBase::SetEventType";
+    CCMethodTrace trace(TRACE_INFO, kName, kEntered, "dwStatus: %lu", dwStatus);
+    return trace.Return(CatchHr([&]() -> HRESULT {
+        CCVariant relPath;
+        HRESULT hr = m_wmi.GetProperty("__RelPath", relPath.GetAddress(), false, 0);
+        // A new instance without its keys has no path, so no stored instance can be looked up.
+        if (SUCCEEDED(hr) && relPath.Type() != VT_BSTR)
+            hr = WBEM_E_INVALID_OBJECT_PATH;
+        CCWMIAccess stored;
+        if (SUCCEEDED(hr)) {
+            stored = static_cast<IWbemServices*>(m_wmi);
+            stored.SetContext(m_context);
+            CCStringConversion path(V_BSTR(&relPath.Get()));
+            hr = stored.GetObject(path.Convert2A());
+        }
+        if (hr == static_cast<HRESULT>(WBEM_E_NOT_FOUND))
+            return PutI4(m_wmi, "EventType", (dwStatus == 2 || dwStatus == 3) ? 1 : 3);
+        if (FAILED(hr)) {
+            GetTrace().TraceMsg(TRACE_ERROR, kName, "Internal", "GetOldObject returned an unexpected WMI HRESULT",
+                                "hr 0x%X", static_cast<unsigned>(hr));
+            return hr;
+        }
+
+        CCVariant storedStatus;
+        hr = stored.GetProperty("EventStatus", storedStatus.GetAddress(), false, 0);
+        if (FAILED(hr))
+            return hr;
+        unsigned long ulStored = 0;
+        if (storedStatus.Type() == VT_I4)
+            ulStored = static_cast<unsigned long>(V_I4(&storedStatus.Get()));
+        else if (storedStatus.Type() == VT_UI4)
+            ulStored = V_UI4(&storedStatus.Get());
+        else
+            return hr;
+
+        if (ulStored == dwStatus) {
+            hr = PutI4(m_wmi, "EventType", 3);
+            if (FAILED(hr))
+                return hr;
+            GetTrace().TraceMsg(TRACE_VERBOSE, kName, "Internal", "This instance has already been set. ", "");
+            return NOTFY_S_UNCHANGED;
+        }
+        return PutI4(m_wmi, "EventType", ulStored < dwStatus ? 1 : 2);
+    }));
+}
+
+unsigned long CNotfyBase::GetThresholdState(ULONGLONG ullCurrent, LONGLONG* pllLowWarning, LONGLONG* pllLowCritical,
+                                            LONGLONG* pllHighWarning, LONGLONG* pllHighCritical)
+{
+    return ::GetThresholdState(m_wmi, m_context, m_ulNotfyId, ullCurrent, pllLowWarning, pllLowCritical,
+                               pllHighWarning, pllHighCritical);
+}
+
+HRESULT CNotfyBase::GetObsoleteInstances()
+{
+    constexpr char kName[] = "CNotfyBase::GetObsoleteInstances";
+    constexpr char kNoPath[] = "Raising exception because Could not get the Path of the referenced object.";
+    CCMethodTrace trace(TRACE_INFO, kName, kEntered);
+    return trace.Return(CatchHr([&]() -> HRESULT {
+        CCWMIAccess stored;
+        stored = static_cast<IWbemServices*>(m_wmi);
+        stored.SetContext(m_context);
+        if (m_sReferencedNamespace.empty() || FAILED(stored.GetClassInstances(m_sEventClassName.c_str(), 0))) {
+            GetTrace().TraceMsg(TRACE_VERBOSE, kName, "Internal", "No instances to delete. ", "");
+            return S_OK;
+        }
+        do {
+            const HRESULT hrItem = CatchHr([&]() -> HRESULT {
+                CCVariant object;
+                HRESULT hr = stored.GetProperty("Object", object.GetAddress(), false, 0);
+                if (FAILED(hr) || object.Type() != VT_BSTR) {
+                    GetTrace().TraceMsg(TRACE_WARNING, kName, "Exception", kNoPath, "hr 0x%X",
+                                        static_cast<unsigned>(hr));
+                    throw HResultError{NOTFY_S_SKIP};
+                }
+                CCWMIAccess live;
+                live.SetContext(m_context);
+                hr = live.ConnectToNamespace(m_sReferencedNamespace.c_str(), -1, nullptr);
+                if (FAILED(hr))
+                    RaiseHr(hr, kName, kNoPath, "hr 0x%X", static_cast<unsigned>(hr));
+                CCStringConversion path(V_BSTR(&object.Get()));
+                hr = live.GetObject(path.Convert2A());
+                bool bObsolete = true;
+                if (FAILED(hr) && hr != static_cast<HRESULT>(WBEM_E_NOT_FOUND))
+                    RaiseHr(hr, kName,
+                            "Raising exception because an error occured (not WBEM_E_NOT_FOUND) when accessing the "
+                            "reference object.",
+                            "hr 0x%X", static_cast<unsigned>(hr));
+                if (SUCCEEDED(hr))
+                    bObsolete = IsInstanceObsolete(stored, live);
+                if (bObsolete)
+                    Append(m_obsoleteList, stored);
+                return S_OK;
+            });
+            if (FAILED(hrItem))
+                return hrItem;
+        } while (SUCCEEDED(stored.GetNextWMIInstanceInEnumerator()));
+        return S_OK;
+    }));
+}
+
+HRESULT CNotfyBase::DeleteInstancesInList()
+{
+    constexpr char kName[] = "CNotfyBase::DeleteInstancesInList";
+    CCMethodTrace trace(TRACE_INFO, kName, kEntered);
+    if (m_obsoleteList.empty()) {
+        GetTrace().TraceMsg(TRACE_VERBOSE, kName, "Internal", "List of obsolete instances empty. Nothing to do.", "");
+        return trace.Return(S_OK);
+    }
+    ComPtr<IWbemServices> pServices = static_cast<IWbemServices*>(m_wmi);
+    if (!pServices)
+        return trace.Return(WBEM_E_INITIALIZATION_FAILURE);
+    for (ComPtr<IWbemClassObject>& pEntry : m_obsoleteList) {
+        CCVariant path;
+        HRESULT hr = pEntry->Get(L"__PATH", 0, path.GetAddress(), nullptr, nullptr);
+        if (FAILED(hr) || path.Type() != VT_BSTR) {
+            GetTrace().TraceMsg(TRACE_WARNING, kName, "Internal", "Could not delete obsolet instance.", "hr 0x%X",
+                                static_cast<unsigned>(hr));
+        } else {
+            hr = pServices->DeleteInstance(V_BSTR(&path.Get()), 0, nullptr, nullptr);
+            if (FAILED(hr))
+                GetTrace().TraceMsg(TRACE_WARNING, kName, "Internal", "Delete Instance failed!", "hr 0x%X",
+                                    static_cast<unsigned>(hr));
+        }
+        pEntry.Reset();
+    }
+    m_obsoleteList.clear();
+    return trace.Return(S_OK);
+}
+
+HRESULT CNotfyBase::DeleteObsoleteInstances()
+{
+    CCMethodTrace trace(TRACE_INFO, "CNotfyBase::DeleteObsoleteInstances", kEntered);
+    if (m_obsoleteList.empty())
+        GetObsoleteInstances();
+    return trace.Return(DeleteInstancesInList());
+}
+
+bool CNotfyBase::IsInstanceObsolete(CCWMIAccess&, CCWMIAccess&)
+{
+    return false;
+}
+
+bool CNotfyBase::IsSupported()
+{
+    return true;
+}
