@@ -3,6 +3,7 @@
 // published Windows behaviour, the check names the deviation instead of weakening.
 #include "CimStoreTest.h"
 #include "TempDir.h"
+#include "WbemTestClient.h"
 
 #include "access/ComHolders.h"
 #include "access/WbemGuids.h"
@@ -115,42 +116,6 @@ ObjectSnapshot Snapshot(IWbemClassObject* pObject)
     return snapshot;
 }
 
-HRESULT Connect(const wchar_t* wszNamespace, ComPtr<IWbemServices>& pServices)
-{
-    ComPtr<IWbemLocator> pLocator;
-    HRESULT hr = CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemLocator,
-                                  reinterpret_cast<void**>(pLocator.GetAddressOf()));
-    if (FAILED(hr))
-        return hr;
-    CCBstr bstrNamespace(wszNamespace);
-    return pLocator->ConnectServer(bstrNamespace.Get(), nullptr, nullptr, nullptr, 0, nullptr, nullptr,
-                                   pServices.ReleaseAndGetAddressOf());
-}
-
-HRESULT Query(IWbemServices* pServices, const std::wstring& wsQuery, std::vector<ComPtr<IWbemClassObject>>& out)
-{
-    out.clear();
-    CCBstr bstrLanguage(L"WQL");
-    CCBstr bstrQuery(wsQuery.c_str());
-    ComPtr<IEnumWbemClassObject> pEnum;
-    HRESULT hr = pServices->ExecQuery(bstrLanguage.Get(), bstrQuery.Get(), WBEM_FLAG_FORWARD_ONLY, nullptr,
-                                      pEnum.GetAddressOf());
-    if (FAILED(hr))
-        return hr;
-    for (;;) {
-        IWbemClassObject* pObject = nullptr;
-        ULONG uReturned = 0;
-        hr = pEnum->Next(WBEM_INFINITE, 1, &pObject, &uReturned);
-        if (FAILED(hr))
-            return hr;
-        if (uReturned == 0)
-            return S_OK;
-        ComPtr<IWbemClassObject> pOwned;
-        TakeOwnership(pOwned, pObject);
-        out.push_back(pOwned);
-    }
-}
-
 // Wine deviation: some of its datetime values lack a digit of the UTC offset; WMI rejects
 // such a value, so the MOF copy leaves it out and CimStore reports the property as NULL.
 bool IsMalformedDatetime(const PropertyValue& value)
@@ -240,8 +205,8 @@ std::map<std::wstring, std::vector<ObjectSnapshot>> SnapshotClasses(IWbemService
 {
     std::map<std::wstring, std::vector<ObjectSnapshot>> byClass;
     for (const ClassRow& row : kClasses) {
-        std::vector<ComPtr<IWbemClassObject>> objects;
-        EXPECT_EQ(Query(pServices, std::wstring(L"SELECT * FROM ") + row.wszClass, objects), S_OK);
+        WbemObjects objects;
+        EXPECT_EQ(QueryAll(pServices, std::wstring(L"SELECT * FROM ") + row.wszClass, objects), S_OK);
         for (const ComPtr<IWbemClassObject>& pObject : objects)
             byClass[row.wszClass].push_back(Snapshot(pObject.Get()));
     }
@@ -262,11 +227,11 @@ struct Behaviour {
 Behaviour Probe(IWbemServices* pServices, const std::wstring& wsFirstRelPath)
 {
     Behaviour behaviour;
-    std::vector<ComPtr<IWbemClassObject>> objects;
-    behaviour.hrUnknownClass = Query(pServices, L"SELECT * FROM Win32_NoSuchClass", objects);
+    WbemObjects objects;
+    behaviour.hrUnknownClass = QueryAll(pServices, L"SELECT * FROM Win32_NoSuchClass", objects);
     behaviour.uUnknownClassCount = objects.size();
-    behaviour.hrBadQuery = Query(pServices, L"SELECT FROM WHERE", objects);
-    behaviour.hrEmptyResult = Query(pServices, L"SELECT * FROM Win32_Processor WHERE DeviceID = 'none'", objects);
+    behaviour.hrBadQuery = QueryAll(pServices, L"SELECT FROM WHERE", objects);
+    behaviour.hrEmptyResult = QueryAll(pServices, L"SELECT * FROM Win32_Processor WHERE DeviceID = 'none'", objects);
     behaviour.uEmptyResultCount = objects.size();
     ComPtr<IWbemClassObject> pObject;
     CCBstr bstrMissing(L"Win32_Processor.DeviceID=\"CPU999\"");
@@ -283,7 +248,7 @@ TEST_F(ConformanceTest, CimStoreAnswersLikeWinesWmi)
 {
     // With no root\cimv2 of its own, CimStore hands the namespace to Wine's WMI.
     ComPtr<IWbemServices> pWine;
-    ASSERT_EQ(Connect(L"root\\cimv2", pWine), S_OK);
+    ASSERT_EQ(ConnectWmi(L"root\\cimv2", pWine), S_OK);
     const auto wine = SnapshotClasses(pWine.Get());
     ASSERT_EQ(wine.size(), 3u) << "Wine serves every class of the suite";
     const std::wstring wsProcessorPath = wine.at(L"Win32_Processor").front().at(L"__RELPATH").text;
@@ -293,7 +258,7 @@ TEST_F(ConformanceTest, CimStoreAnswersLikeWinesWmi)
     LoadMof(MofCopy(wine));
     const LONG lBefore = CimStoreLiveObjects();
     ComPtr<IWbemServices> pStore;
-    ASSERT_EQ(Connect(L"ROOT\\CIMV2", pStore), S_OK);
+    ASSERT_EQ(ConnectWmi(L"ROOT\\CIMV2", pStore), S_OK);
     ASSERT_GT(CimStoreLiveObjects(), lBefore) << "root\\cimv2 is now served by CimStore";
     const auto store = SnapshotClasses(pStore.Get());
     const Behaviour storeBehaviour = Probe(pStore.Get(), wsProcessorPath);

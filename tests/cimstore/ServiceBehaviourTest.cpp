@@ -1,8 +1,6 @@
 // CimStore's service: published error codes, fault injection, context records,
 // concurrency and persistence across processes.
-#include "CimStoreTest.h"
-#include "TempDir.h"
-#include "WbemTestClient.h"
+#include "ObjectsFixture.h"
 
 #include <fstream>
 #include <thread>
@@ -11,19 +9,8 @@ using Microsoft::WRL::ComPtr;
 
 namespace {
 
-class ServiceBehaviourTest : public CimStoreTest {
+class ServiceBehaviourTest : public ObjectsFixture {
 protected:
-    void SetUp() override
-    {
-        CimStoreTest::SetUp();
-        LoadFixture(L"cimstore\\objects.mof");
-        ASSERT_EQ(ConnectWmi(L"root\\cimstoretest", m_pServices), S_OK);
-    }
-    void TearDown() override
-    {
-        m_pServices.Reset();
-        CimStoreTest::TearDown();
-    }
     HRESULT Query(const std::wstring& wsQuery, size_t* puCount = nullptr)
     {
         WbemObjects objects;
@@ -37,8 +24,6 @@ protected:
         ComPtr<IWbemClassObject> pObject;
         return GetObjectByPath(m_pServices.Get(), wsPath, pObject);
     }
-
-    ComPtr<IWbemServices> m_pServices;
 };
 
 struct ErrorCase {

@@ -1,7 +1,5 @@
 // CimStore's class objects, qualifier sets and enumerators as a WMI client sees them.
-#include "CimStoreTest.h"
-#include "TempDir.h"
-#include "WbemTestClient.h"
+#include "ObjectsFixture.h"
 
 #include <set>
 
@@ -9,19 +7,8 @@ using Microsoft::WRL::ComPtr;
 
 namespace {
 
-class ServiceObjectsTest : public CimStoreTest {
+class ServiceObjectsTest : public ObjectsFixture {
 protected:
-    void SetUp() override
-    {
-        CimStoreTest::SetUp();
-        LoadFixture(L"cimstore\\objects.mof");
-        ASSERT_EQ(ConnectWmi(L"root\\cimstoretest", m_pServices), S_OK);
-    }
-    void TearDown() override
-    {
-        m_pServices.Reset();
-        CimStoreTest::TearDown();
-    }
     ComPtr<IWbemClassObject> Object(const wchar_t* wszPath)
     {
         ComPtr<IWbemClassObject> pObject;
@@ -44,8 +31,6 @@ protected:
         EXPECT_EQ(pObject->EndEnumeration(), S_OK);
         return names;
     }
-
-    ComPtr<IWbemServices> m_pServices;
 };
 
 struct TypeCase {
