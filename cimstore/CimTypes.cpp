@@ -454,7 +454,7 @@ HRESULT PutElement(VARTYPE vt, const CimScalar& s, CIMTYPE type, void* pTarget)
         *static_cast<VARIANT_BOOL*>(pTarget) = std::get<bool>(s) ? VARIANT_TRUE : VARIANT_FALSE;
         return S_OK;
     case VT_BSTR: {
-        BstrHolder b(ScalarText(s, type));
+        CCBstr b(std::wstring_view(ScalarText(s, type)));
         if (!b.Get())
             return Hr(WBEM_E_OUT_OF_MEMORY);
         *static_cast<BSTR*>(pTarget) = b.Detach();
@@ -516,18 +516,18 @@ HRESULT ToVariant(const CimValue& value, CIMTYPE type, VARIANT* pv)
     if (vt == VT_EMPTY || vt == VT_UNKNOWN)
         return Hr(WBEM_E_TYPE_MISMATCH);
     if (!value.IsArray()) {
-        VariantHolder holder;
-        holder.Get().vt = vt;
-        const HRESULT hr = PutElement(vt, value.Scalar(), type, &holder.Get().lVal);
+        CCVariant holder;
+        holder.Ptr()->vt = vt;
+        const HRESULT hr = PutElement(vt, value.Scalar(), type, &holder.Ptr()->lVal);
         if (FAILED(hr)) {
-            holder.Get().vt = VT_EMPTY;
+            holder.Ptr()->vt = VT_EMPTY;
             return hr;
         }
         *pv = holder.Get();
-        holder.Get().vt = VT_EMPTY;
+        holder.Ptr()->vt = VT_EMPTY;  // ownership passed to *pv
         return S_OK;
     }
-    SafeArrayHolder array(SafeArrayCreateVector(vt, 0, static_cast<ULONG>(value.Items().size())));
+    CCSafeArray array(SafeArrayCreateVector(vt, 0, static_cast<ULONG>(value.Items().size())));
     if (!array.Get())
         return Hr(WBEM_E_OUT_OF_MEMORY);
     for (LONG i = 0; i < static_cast<LONG>(value.Items().size()); ++i) {

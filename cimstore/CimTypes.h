@@ -5,6 +5,8 @@
 #include <oleauto.h>
 #include <wbemcli.h>
 
+#include "access/ComHolders.h"
+
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -73,64 +75,6 @@ std::wstring ScalarText(const CimScalar& value, CIMTYPE type);
 
 // Orders two values of the same CIM type: <0, 0, >0; strings case-insensitively.
 int CompareScalars(const CimScalar& a, const CimScalar& b, CIMTYPE type);
-
-// Owns a VARIANT.
-class VariantHolder {
-public:
-    VariantHolder() { VariantInit(&m_v); }
-    ~VariantHolder() { VariantClear(&m_v); }
-    VariantHolder(const VariantHolder&) = delete;
-    VariantHolder& operator=(const VariantHolder&) = delete;
-    VARIANT* operator&() { return &m_v; }
-    VARIANT& Get() { return m_v; }
-    const VARIANT& Get() const { return m_v; }
-
-private:
-    VARIANT m_v;
-};
-
-// Owns a BSTR.
-class BstrHolder {
-public:
-    BstrHolder() = default;
-    explicit BstrHolder(std::wstring_view ws) : m_bstr(SysAllocStringLen(ws.data(), static_cast<UINT>(ws.size()))) {}
-    ~BstrHolder() { SysFreeString(m_bstr); }
-    BstrHolder(const BstrHolder&) = delete;
-    BstrHolder& operator=(const BstrHolder&) = delete;
-    BSTR Get() const { return m_bstr; }
-    BSTR Detach()
-    {
-        BSTR b = m_bstr;
-        m_bstr = nullptr;
-        return b;
-    }
-
-private:
-    BSTR m_bstr = nullptr;
-};
-
-// Owns a SAFEARRAY.
-class SafeArrayHolder {
-public:
-    explicit SafeArrayHolder(SAFEARRAY* psa = nullptr) : m_psa(psa) {}
-    ~SafeArrayHolder()
-    {
-        if (m_psa)
-            SafeArrayDestroy(m_psa);
-    }
-    SafeArrayHolder(const SafeArrayHolder&) = delete;
-    SafeArrayHolder& operator=(const SafeArrayHolder&) = delete;
-    SAFEARRAY* Get() const { return m_psa; }
-    SAFEARRAY* Detach()
-    {
-        SAFEARRAY* p = m_psa;
-        m_psa = nullptr;
-        return p;
-    }
-
-private:
-    SAFEARRAY* m_psa;
-};
 
 // The VARIANT form of a value of the CIM type (VT_NULL for null). pv must be cleared/empty.
 HRESULT ToVariant(const CimValue& value, CIMTYPE type, VARIANT* pv);

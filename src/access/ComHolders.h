@@ -6,6 +6,8 @@
 
 #include <wrl/client.h>
 
+#include <string_view>
+
 // Hands an owned reference to a ComPtr without adding one. mingw-w64's ComPtr::Attach adds a
 // reference (unlike the Windows SDK's), so code never calls Attach.
 template <class T>
@@ -19,6 +21,8 @@ class CCBstr {
 public:
     CCBstr() = default;
     explicit CCBstr(const wchar_t* wsz) : m_bstr(wsz ? SysAllocString(wsz) : nullptr) {}
+    // Keeps the text's length, embedded NULs included.
+    explicit CCBstr(std::wstring_view ws) : m_bstr(SysAllocStringLen(ws.data(), static_cast<UINT>(ws.size()))) {}
     ~CCBstr() { Free(); }
     CCBstr(const CCBstr&) = delete;
     CCBstr& operator=(const CCBstr&) = delete;

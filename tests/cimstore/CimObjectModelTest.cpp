@@ -190,29 +190,29 @@ TEST_F(cimstoreObjectModel, PutCoercesAndRejects)
 TEST_F(cimstoreObjectModel, VariantAccessUsesWmiTypes)
 {
     CimInstance spooler = Get(L"Test_Service.Name=\"Spooler\"");
-    VariantHolder bytes;
+    CCVariant bytes;
     CIMTYPE type = CIM_EMPTY;
-    ASSERT_EQ(spooler.GetVariant(L"Bytes", &bytes, &type, nullptr), S_OK);
+    ASSERT_EQ(spooler.GetVariant(L"Bytes", bytes.Ptr(), &type, nullptr), S_OK);
     EXPECT_EQ(type, CIM_UINT64);
     ASSERT_EQ(bytes.Get().vt, VT_BSTR);
     EXPECT_STREQ(bytes.Get().bstrVal, L"18446744073709551615");
 
-    VariantHolder priority;
-    priority.Get().vt = VT_BSTR;
-    priority.Get().bstrVal = SysAllocString(L"-12");
+    CCVariant priority;
+    priority.Ptr()->vt = VT_BSTR;
+    priority.Ptr()->bstrVal = SysAllocString(L"-12");
     ASSERT_EQ(spooler.PutVariant(L"Priority", priority.Get(), 0), S_OK);
     EXPECT_EQ(spooler.PutVariant(L"Priority", priority.Get(), CIM_STRING), Hr(WBEM_E_TYPE_MISMATCH));
-    VariantHolder back;
-    ASSERT_EQ(spooler.GetVariant(L"Priority", &back, &type, nullptr), S_OK);
+    CCVariant back;
+    ASSERT_EQ(spooler.GetVariant(L"Priority", back.Ptr(), &type, nullptr), S_OK);
     EXPECT_EQ(back.Get().vt, VT_I4);
     EXPECT_EQ(back.Get().lVal, -12);
 
-    VariantHolder tags;
-    ASSERT_EQ(spooler.GetVariant(L"Tags", &tags, &type, nullptr), S_OK);
+    CCVariant tags;
+    ASSERT_EQ(spooler.GetVariant(L"Tags", tags.Ptr(), &type, nullptr), S_OK);
     EXPECT_EQ(tags.Get().vt, VT_ARRAY | VT_BSTR);
     EXPECT_EQ(type, CIM_STRING | CIM_FLAG_ARRAY);
-    VariantHolder load;
-    ASSERT_EQ(Get(L"Test_Service.Name=\"RpcSs\"").GetVariant(L"Load", &load, &type, nullptr), S_OK);
+    CCVariant load;
+    ASSERT_EQ(Get(L"Test_Service.Name=\"RpcSs\"").GetVariant(L"Load", load.Ptr(), &type, nullptr), S_OK);
     EXPECT_EQ(load.Get().vt, VT_NULL);
 }
 

@@ -109,8 +109,8 @@ TEST(cimstoreTypes, VariantFormsMatchWmiAndRoundTrip)
         {CIM_BOOLEAN | CIM_FLAG_ARRAY, CimValue::Array({}), VT_ARRAY | VT_BOOL},
     };
     for (const VariantRow& row : rows) {
-        VariantHolder v;
-        ASSERT_EQ(ToVariant(row.value, row.type, &v), S_OK) << "type " << row.type;
+        CCVariant v;
+        ASSERT_EQ(ToVariant(row.value, row.type, v.Ptr()), S_OK) << "type " << row.type;
         EXPECT_EQ(v.Get().vt, row.vt) << "type " << row.type;
         CimValue back;
         EXPECT_EQ(FromVariant(v.Get(), row.type, back), S_OK) << "type " << row.type;
@@ -120,41 +120,41 @@ TEST(cimstoreTypes, VariantFormsMatchWmiAndRoundTrip)
 
 TEST(cimstoreTypes, UnsignedValuesTravelAsSignedBits)
 {
-    VariantHolder v;
-    ASSERT_EQ(ToVariant(CimValue(uint64_t{4294967295u}), CIM_UINT32, &v), S_OK);
+    CCVariant v;
+    ASSERT_EQ(ToVariant(CimValue(uint64_t{4294967295u}), CIM_UINT32, v.Ptr()), S_OK);
     EXPECT_EQ(v.Get().lVal, -1);
-    VariantHolder text;
-    ASSERT_EQ(ToVariant(CimValue(uint64_t{18446744073709551615u}), CIM_UINT64, &text), S_OK);
+    CCVariant text;
+    ASSERT_EQ(ToVariant(CimValue(uint64_t{18446744073709551615u}), CIM_UINT64, text.Ptr()), S_OK);
     EXPECT_STREQ(text.Get().bstrVal, L"18446744073709551615");
 
-    VariantHolder i2;
-    i2.Get().vt = VT_I2;
-    i2.Get().iVal = -1;
+    CCVariant i2;
+    i2.Ptr()->vt = VT_I2;
+    i2.Ptr()->iVal = -1;
     CimValue out;
     ASSERT_EQ(FromVariant(i2.Get(), CIM_CHAR16, out), S_OK);
     EXPECT_TRUE(out == CimValue(int64_t{0xFFFF}));
     // A negative VT_I4 is not a valid uint16 (uint16 is carried as VT_I4 without wrapping).
-    VariantHolder i4;
-    i4.Get().vt = VT_I4;
-    i4.Get().lVal = -1;
+    CCVariant i4;
+    i4.Ptr()->vt = VT_I4;
+    i4.Ptr()->lVal = -1;
     EXPECT_EQ(FromVariant(i4.Get(), CIM_UINT16, out), Hr(WBEM_E_TYPE_MISMATCH));
 }
 
 TEST(cimstoreTypes, FromVariantRejectsWhatCannotBeStored)
 {
-    VariantHolder byRef;
+    CCVariant byRef;
     LONG l = 5;
-    byRef.Get().vt = VT_I4 | VT_BYREF;
-    byRef.Get().plVal = &l;
+    byRef.Ptr()->vt = VT_I4 | VT_BYREF;
+    byRef.Ptr()->plVal = &l;
     CimValue out;
     EXPECT_EQ(FromVariant(byRef.Get(), CIM_SINT32, out), Hr(WBEM_E_TYPE_MISMATCH));
-    VariantHolder text;
-    text.Get().vt = VT_BSTR;
-    text.Get().bstrVal = SysAllocString(L"not a number");
+    CCVariant text;
+    text.Ptr()->vt = VT_BSTR;
+    text.Ptr()->bstrVal = SysAllocString(L"not a number");
     EXPECT_EQ(FromVariant(text.Get(), CIM_UINT32, out), Hr(WBEM_E_TYPE_MISMATCH));
-    VariantHolder numberText;
-    numberText.Get().vt = VT_BSTR;
-    numberText.Get().bstrVal = SysAllocString(L"123");
+    CCVariant numberText;
+    numberText.Ptr()->vt = VT_BSTR;
+    numberText.Ptr()->bstrVal = SysAllocString(L"123");
     ASSERT_EQ(FromVariant(numberText.Get(), CIM_UINT64, out), S_OK);
     EXPECT_TRUE(out == CimValue(uint64_t{123}));
 }
