@@ -1,20 +1,54 @@
 #!/bin/sh
-# The demo: load Moradel.dll with tracing switched on and show the trace it writes.
+# The demo: register Moradel.dll and CimStore (as the WMI of the build's prefix), copy the example
+# workstation into the build tree and run two agent cycles over every notification id with
+# notifyctl, tracing switched on. The copy is what changes; tracked files never do.
 set -e
-build=${1:-build}
+build=$(cd "${1:-build}" && pwd)
+root=$(cd "$(dirname "$0")/.." && pwd)
 run="$build/wine-run"
-key='HKLM\Software\Tessaline Systems\Common\Tracing\Moradel.dll\1.06'
-demo_dir="$build/demo"
-mkdir -p "$demo_dir"
-trace_unix="$(cd "$demo_dir" && pwd)/Moradel.trc"
-trace_windows="Z:$(echo "$trace_unix" | tr '/' '\\')"
-rm -f "$trace_unix"
+windows_path() { printf 'Z:%s' "$1" | tr '/' '\\'; }
 
+moradel=$(windows_path "$build/bin/Moradel.dll")
+cimstore=$(windows_path "$build/bin/CimStore.dll")
+"$run" regsvr32 /s "$moradel"
+"$run" regsvr32 /s "$cimstore"
+"$run" regsvr32 /s /n /i:wmi "$cimstore"
+
+# CimStore compiles the folder in file-name order: the schema first, the machine, changes last.
+repository="$build/demo/workstation"
+rm -rf "$repository"
+mkdir -p "$repository"
+for mof in "$root"/schema/*.mof; do cp "$mof" "$repository/00_$(basename "$mof")"; done
+for mof in "$root"/examples/workstation/*.mof; do
+    [ "$(basename "$mof")" = change.mof ] || cp "$mof" "$repository/"
+done
+CIMSTORE_REPOSITORY=$(windows_path "$repository")
+export CIMSTORE_REPOSITORY
+
+key='HKLM\Software\Tessaline Systems\Common\Tracing\Moradel.dll\1.06'
+trace="$build/demo/Moradel.trc"
+rm -f "$trace"
 "$run" reg add "$key" /v Trace /t REG_DWORD /d 1 /f >/dev/null
-"$run" reg add "$key" /v TraceLevel /t REG_DWORD /d 6 /f >/dev/null
-"$run" reg add "$key" /v TraceFile /t REG_SZ /d "$trace_windows" /f >/dev/null
-"$run" "$build/bin/trace_probe.exe" load Moradel.dll
+"$run" reg add "$key" /v TraceLevel /t REG_DWORD /d 3 /f >/dev/null
+"$run" reg add "$key" /v TraceFile /t REG_SZ /d "$(windows_path "$trace")" /f >/dev/null
+
+# Exit status 1 means that some requests failed (kinds this build does not contain yet answer
+# E_INVALIDARG with their id); anything else is a real failure of the demo.
+cycle() {
+    echo "== Agent cycle $1 (notifyctl cycle all) on $repository"
+    status=0
+    "$run" "$build/bin/notifyctl.exe" cycle all || status=$?
+    [ "$status" -le 1 ] || { echo "notifyctl failed with exit status $status" >&2; exit "$status"; }
+    [ "$status" -eq 0 ] || echo "(some requests failed: see their hr and returnValue above)"
+    echo
+}
+cycle 1
+if [ -f "$root/examples/workstation/change.mof" ]; then
+    echo "== Applying examples/workstation/change.mof"
+    cp "$root/examples/workstation/change.mof" "$repository/90_change.mof"
+fi
+cycle 2
 "$run" reg delete "$key" /f >/dev/null
 
-echo "Trace written by Moradel.dll ($trace_unix):"
-iconv -f UTF-16 -t UTF-8 "$trace_unix" | tr -d '\r'
+echo "Stored state after the cycles: $repository/state.mof"
+[ -f "$trace" ] && echo "Trace of Moradel.dll: $trace ($(iconv -f UTF-16 -t UTF-8 "$trace" | wc -l) lines)"

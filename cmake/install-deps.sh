@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs the build and test packages that are missing (Debian 12); quick when all are present.
 set -e
-packages="g++-mingw-w64-x86-64-posix mingw-w64-tools wine64 libwine-dev cmake googletest"
+packages="g++-mingw-w64-x86-64-posix mingw-w64-tools wine64 libwine-dev cmake googletest python3"
 missing=""
 for package in $packages; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing="$missing $package"
