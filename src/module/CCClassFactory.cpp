@@ -2,6 +2,8 @@
 
 #include "module/CMoradeldllModule.h"
 
+#include <wrl/client.h>
+
 #include <new>
 
 CCClassFactory::CCClassFactory(CreateFn pfnCreate) : m_pfnCreate(pfnCreate)
@@ -20,11 +22,9 @@ HRESULT CCClassFactory::Create(CreateFn pfnCreate, REFIID riid, void** ppv) noex
         return E_POINTER;
     *ppv = nullptr;
     try {
-        auto* pFactory = new CCClassFactory(pfnCreate);
-        pFactory->AddRef();
-        const HRESULT hr = pFactory->QueryInterface(riid, ppv);
-        pFactory->Release();
-        return hr;
+        // The factory starts without references; the holder takes the first one.
+        const Microsoft::WRL::ComPtr<CCClassFactory> pFactory(new CCClassFactory(pfnCreate));
+        return pFactory->QueryInterface(riid, ppv);
     } catch (const std::bad_alloc&) {
         return E_OUTOFMEMORY;
     } catch (...) {

@@ -23,12 +23,11 @@ public:
             return E_POINTER;
         *ppv = nullptr;
         try {
-            auto* pObject = new CCComObject();
-            pObject->AddRef();
+            // The object starts without references; the holder takes the first one.
+            const Microsoft::WRL::ComPtr<CCComObject> pObject(new CCComObject());
             HRESULT hr = pObject->FinalConstruct();
             if (SUCCEEDED(hr))
                 hr = pObject->QueryInterface(riid, ppv);
-            pObject->Release();
             return hr;
         } catch (const std::bad_alloc&) {
             return E_OUTOFMEMORY;

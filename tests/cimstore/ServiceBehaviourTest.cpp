@@ -202,7 +202,7 @@ protected:
     {
         wchar_t wszExe[MAX_PATH];
         GetModuleFileNameW(nullptr, wszExe, MAX_PATH);
-        std::wstring wsCommand = L"\"" + std::wstring(wszExe) + L"\" --gtest_filter=PersistenceChild.*";
+        std::wstring wsCommand = L"\"" + std::wstring(wszExe) + L"\" --gtest_filter=ChildProcess.PersistenceSeesTheStoredState";
         SetEnvironmentVariableW(L"CIMSTORE_REPOSITORY", wsFolder.c_str());
         SetEnvironmentVariableW(L"CIMSTORE_TEST_EXPECT", wsExpectation.c_str());
         STARTUPINFOW si = {};
@@ -260,7 +260,7 @@ TEST_F(PersistenceTest, ChangesSurviveTheProcess)
 }
 
 // Runs only as the child of PersistenceTest, with the repository folder in CIMSTORE_REPOSITORY.
-TEST(PersistenceChild, SeesTheStoredState)
+TEST(ChildProcess, PersistenceSeesTheStoredState)
 {
     wchar_t wszExpect[64] = {};
     if (!GetEnvironmentVariableW(L"CIMSTORE_TEST_EXPECT", wszExpect, 64))

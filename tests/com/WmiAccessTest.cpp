@@ -114,7 +114,7 @@ TEST_F(WmiAccessTest, ProviderHostIsRecognisedByItsName)
     std::wstring wsHost = wszSelf;
     wsHost = wsHost.substr(0, wsHost.rfind(L'\\') + 1) + L"WMIPRVSE.EXE";
     ASSERT_TRUE(CopyFileW(wszSelf, wsHost.c_str(), FALSE));
-    std::wstring wsCommand = L"\"" + wsHost + L"\" --gtest_filter=WmiAccessHost.*";
+    std::wstring wsCommand = L"\"" + wsHost + L"\" --gtest_filter=ChildProcess.AdministrativeLocatorInsideTheHost";
     SetEnvironmentVariableW(L"MORADEL_TEST_HOST", L"1");
     STARTUPINFOW si = {};
     si.cb = sizeof(si);
@@ -132,7 +132,7 @@ TEST_F(WmiAccessTest, ProviderHostIsRecognisedByItsName)
     EXPECT_EQ(dwExit, 0u);
 }
 
-TEST(WmiAccessHost, AdministrativeLocatorInsideTheHost)
+TEST(ChildProcess, AdministrativeLocatorInsideTheHost)
 {
     if (!GetEnvironmentVariableW(L"MORADEL_TEST_HOST", nullptr, 0))
         GTEST_SKIP() << "runs as WMIPRVSE.EXE only";
