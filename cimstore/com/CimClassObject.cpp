@@ -67,7 +67,7 @@ HRESULT CimClassObject::CreateForInstance(CimInstance instance, IWbemClassObject
     if (!ppObject)
         return Hr(WBEM_E_INVALID_PARAMETER);
     *ppObject = nullptr;
-    return Guard([&] {
+    return CatchHr([&] {
         CimClassPtr cls = instance.ClassPtr();
         *ppObject = new CimClassObject(std::move(cls), std::move(instance));
         return S_OK;
@@ -79,7 +79,7 @@ HRESULT CimClassObject::CreateForClass(CimClassPtr cls, IWbemClassObject** ppObj
     if (!ppObject)
         return Hr(WBEM_E_INVALID_PARAMETER);
     *ppObject = nullptr;
-    return Guard([&] {
+    return CatchHr([&] {
         *ppObject = new CimClassObject(std::move(cls), std::nullopt);
         return S_OK;
     });
@@ -166,7 +166,7 @@ HRESULT CimClassObject::Get(LPCWSTR wszName, long lFlags, VARIANT* pVal, CIMTYPE
 {
     if (!wszName || lFlags != 0)
         return Hr(WBEM_E_INVALID_PARAMETER);
-    return Guard([&] {
+    return CatchHr([&] {
         const HRESULT hr = StoreState::Get().CheckFault(L"Get", {m_class->Name(), wszName});
         if (FAILED(hr))
             return hr;
@@ -181,7 +181,7 @@ HRESULT CimClassObject::Put(LPCWSTR wszName, long lFlags, VARIANT* pVal, CIMTYPE
 {
     if (!wszName || lFlags != 0)
         return Hr(WBEM_E_INVALID_PARAMETER);
-    return Guard([&] {
+    return CatchHr([&] {
         const HRESULT hr = StoreState::Get().CheckFault(L"Put", {m_class->Name(), wszName});
         if (FAILED(hr))
             return hr;
@@ -198,7 +198,7 @@ HRESULT CimClassObject::Delete(LPCWSTR wszName)
 {
     if (!wszName)
         return Hr(WBEM_E_INVALID_PARAMETER);
-    return Guard([&] {
+    return CatchHr([&] {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (IsSystemPropertyName(wszName))
             return Hr(WBEM_E_SYSTEM_PROPERTY);
@@ -250,7 +250,7 @@ HRESULT CimClassObject::GetNames(LPCWSTR wszQualifierName, long lFlags, VARIANT*
         return Hr(WBEM_E_INVALID_PARAMETER);
     if (lCondition == WBEM_FLAG_ONLY_IF_IDENTICAL && !pQualifierVal)
         return Hr(WBEM_E_INVALID_PARAMETER);
-    return Guard([&] {
+    return CatchHr([&] {
         std::lock_guard<std::mutex> lock(m_mutex);
         std::vector<std::wstring> names = SelectNames(lFlags & ~0x3L);
         if (wszQualifierName) {
@@ -309,7 +309,7 @@ HRESULT CimClassObject::BeginEnumeration(long lEnumFlags)
                                      lOrigin != WBEM_FLAG_PROPAGATED_ONLY && lOrigin != WBEM_FLAG_SYSTEM_ONLY &&
                                      lOrigin != WBEM_FLAG_NONSYSTEM_ONLY))
         return Hr(WBEM_E_INVALID_PARAMETER);
-    return Guard([&] {
+    return CatchHr([&] {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_enumNames = SelectNames(lEnumFlags);
         m_enumPosition = 0;
@@ -326,7 +326,7 @@ HRESULT CimClassObject::Next(long lFlags, BSTR* strName, VARIANT* pVal, CIMTYPE*
         *strName = nullptr;
     if (pVal)
         VariantInit(pVal);
-    return Guard([&] {
+    return CatchHr([&] {
         const HRESULT hrFault = FaultFor(L"Next");
         if (FAILED(hrFault))
             return hrFault;
@@ -362,7 +362,7 @@ HRESULT CimClassObject::GetPropertyQualifierSet(LPCWSTR wszProperty, IWbemQualif
     if (!wszProperty || !ppQualSet)
         return Hr(WBEM_E_INVALID_PARAMETER);
     *ppQualSet = nullptr;
-    return Guard([&] {
+    return CatchHr([&] {
         const HRESULT hr = StoreState::Get().CheckFault(L"GetPropertyQualifierSet", {m_class->Name(), wszProperty});
         if (FAILED(hr))
             return hr;
@@ -381,7 +381,7 @@ HRESULT CimClassObject::Clone(IWbemClassObject** ppCopy)
     if (!ppCopy)
         return Hr(WBEM_E_INVALID_PARAMETER);
     *ppCopy = nullptr;
-    return Guard([&] {
+    return CatchHr([&] {
         std::lock_guard<std::mutex> lock(m_mutex);
         *ppCopy = new CimClassObject(m_class, m_instance);
         return S_OK;
@@ -393,7 +393,7 @@ HRESULT CimClassObject::GetObjectText(long lFlags, BSTR* pstrObjectText)
     if (!pstrObjectText || (lFlags & ~WBEM_FLAG_NO_FLAVORS))
         return Hr(WBEM_E_INVALID_PARAMETER);
     *pstrObjectText = nullptr;
-    return Guard([&] {
+    return CatchHr([&] {
         std::wstring wsText;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
@@ -422,7 +422,7 @@ HRESULT CimClassObject::SpawnInstance(long lFlags, IWbemClassObject** ppNewInsta
     if (!ppNewInstance || lFlags != 0)
         return Hr(WBEM_E_INVALID_PARAMETER);
     *ppNewInstance = nullptr;
-    return Guard([&] {
+    return CatchHr([&] {
         const HRESULT hr = FaultFor(L"SpawnInstance");
         if (FAILED(hr))
             return hr;
@@ -436,7 +436,7 @@ HRESULT CimClassObject::CompareTo(long lFlags, IWbemClassObject* pCompareTo)
 {
     if (!pCompareTo)
         return Hr(WBEM_E_INVALID_PARAMETER);
-    return Guard([&] {
+    return CatchHr([&] {
         Microsoft::WRL::ComPtr<CimClassObject> pOther;
         TakeOwnership(pOther, FromUnknown(pCompareTo));
         if (!pOther)
@@ -459,7 +459,7 @@ HRESULT CimClassObject::GetPropertyOrigin(LPCWSTR wszName, BSTR* pstrClassName)
     if (!wszName || !pstrClassName)
         return Hr(WBEM_E_INVALID_PARAMETER);
     *pstrClassName = nullptr;
-    return Guard([&] {
+    return CatchHr([&] {
         std::wstring wsOrigin;
         if (IsSystemPropertyName(wszName))
             return Hr(WBEM_E_SYSTEM_PROPERTY);

@@ -23,7 +23,7 @@ CimEnumerator::CimEnumerator(Results results, std::wstring wsSubject, size_t pos
 
 HRESULT CimEnumerator::Create(std::vector<CimInstance> results, std::wstring wsSubject, IEnumWbemClassObject** ppEnum)
 {
-    return Guard([&] {
+    return CatchHr([&] {
         *ppEnum = new CimEnumerator(std::make_shared<const std::vector<CimInstance>>(std::move(results)),
                                     std::move(wsSubject), 0);
         return S_OK;
@@ -55,7 +55,7 @@ HRESULT CimEnumerator::Next(long lTimeout, ULONG uCount, IWbemClassObject** apOb
     if (!apObjects || !puReturned || !ValidTimeout(lTimeout))
         return Hr(WBEM_E_INVALID_PARAMETER);
     *puReturned = 0;
-    return Guard([&] {
+    return CatchHr([&] {
         const HRESULT hr = StoreState::Get().CheckFault(L"Next", {m_wsSubject});
         if (FAILED(hr))
             return hr;
@@ -86,7 +86,7 @@ HRESULT CimEnumerator::Clone(IEnumWbemClassObject** ppEnum)
     if (!ppEnum)
         return Hr(WBEM_E_INVALID_PARAMETER);
     *ppEnum = nullptr;
-    return Guard([&] {
+    return CatchHr([&] {
         std::lock_guard<std::mutex> lock(m_mutex);
         *ppEnum = new CimEnumerator(m_results, m_wsSubject, m_position);
         return S_OK;

@@ -51,7 +51,7 @@ HRESULT CimLocator::ConnectServer(const BSTR strNetworkResource, const BSTR strU
     if (!strNetworkResource || !ppNamespace)
         return Hr(WBEM_E_INVALID_PARAMETER);
     *ppNamespace = nullptr;
-    return Guard([&] {
+    return CatchHr([&] {
         StoreState& state = StoreState::Get();
         state.RecordContext(L"ConnectServer", pCtx);
         const std::wstring wsNamespace = NormalizeNamespace(strNetworkResource);

@@ -27,7 +27,7 @@ CimQualifierSetObject::CimQualifierSetObject(CimClassObject* pOwner, const std::
 HRESULT CimQualifierSetObject::Create(CimClassObject* pOwner, const std::wstring* pwsProperty,
                                       IWbemQualifierSet** ppSet)
 {
-    return Guard([&] {
+    return CatchHr([&] {
         *ppSet = new CimQualifierSetObject(pOwner, pwsProperty);
         return S_OK;
     });
@@ -52,21 +52,21 @@ HRESULT CimQualifierSetObject::Get(LPCWSTR wszName, long lFlags, VARIANT* pVal, 
         return Hr(WBEM_E_INVALID_PARAMETER);
     if (pVal)
         VariantInit(pVal);
-    return Guard([&] { return m_pOwner->QualifierGet(Property(), wszName, pVal, plFlavor); });
+    return CatchHr([&] { return m_pOwner->QualifierGet(Property(), wszName, pVal, plFlavor); });
 }
 
 HRESULT CimQualifierSetObject::Put(LPCWSTR wszName, VARIANT* pVal, long lFlavor)
 {
     if (!wszName || !pVal)
         return Hr(WBEM_E_INVALID_PARAMETER);
-    return Guard([&] { return m_pOwner->QualifierPut(Property(), wszName, pVal, lFlavor); });
+    return CatchHr([&] { return m_pOwner->QualifierPut(Property(), wszName, pVal, lFlavor); });
 }
 
 HRESULT CimQualifierSetObject::Delete(LPCWSTR wszName)
 {
     if (!wszName)
         return Hr(WBEM_E_INVALID_PARAMETER);
-    return Guard([&] { return m_pOwner->QualifierDelete(Property(), wszName); });
+    return CatchHr([&] { return m_pOwner->QualifierDelete(Property(), wszName); });
 }
 
 HRESULT CimQualifierSetObject::GetNames(long lFlags, SAFEARRAY** pNames)
@@ -74,7 +74,7 @@ HRESULT CimQualifierSetObject::GetNames(long lFlags, SAFEARRAY** pNames)
     if (!pNames || (lFlags != 0 && lFlags != WBEM_FLAG_LOCAL_ONLY && lFlags != WBEM_FLAG_PROPAGATED_ONLY))
         return Hr(WBEM_E_INVALID_PARAMETER);
     *pNames = nullptr;
-    return Guard([&] {
+    return CatchHr([&] {
         std::vector<CimQualifier> qualifiers;
         const HRESULT hr = m_pOwner->QualifierList(Property(), qualifiers);
         if (FAILED(hr))
@@ -94,7 +94,7 @@ HRESULT CimQualifierSetObject::BeginEnumeration(long lFlags)
 {
     if (lFlags != 0 && lFlags != WBEM_FLAG_LOCAL_ONLY && lFlags != WBEM_FLAG_PROPAGATED_ONLY)
         return Hr(WBEM_E_INVALID_PARAMETER);
-    return Guard([&] {
+    return CatchHr([&] {
         std::vector<CimQualifier> qualifiers;
         const HRESULT hr = m_pOwner->QualifierList(Property(), qualifiers);
         if (FAILED(hr))
@@ -121,7 +121,7 @@ HRESULT CimQualifierSetObject::Next(long lFlags, BSTR* pstrName, VARIANT* pVal, 
         *pstrName = nullptr;
     if (pVal)
         VariantInit(pVal);
-    return Guard([&] {
+    return CatchHr([&] {
         std::wstring wsName;
         {
             std::lock_guard<std::mutex> lock(m_mutex);

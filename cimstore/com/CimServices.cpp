@@ -48,7 +48,7 @@ void ClearCallResult(IWbemCallResult** ppCallResult)
 
 HRESULT CimServices::Create(std::wstring wsNamespace, IWbemServices** ppServices)
 {
-    return Guard([&] {
+    return CatchHr([&] {
         *ppServices = new CimServices(std::move(wsNamespace));
         return S_OK;
     });
@@ -92,7 +92,7 @@ HRESULT CimServices::QueryBlanket(IUnknown*, DWORD* pAuthnSvc, DWORD* pAuthzSvc,
 
 HRESULT CimServices::SetBlanket(IUnknown*, DWORD, DWORD, OLECHAR*, DWORD, DWORD, void*, DWORD)
 {
-    return Guard([&] { return StoreState::Get().CheckFault(L"SetBlanket", {m_wsNamespace}); });
+    return CatchHr([&] { return StoreState::Get().CheckFault(L"SetBlanket", {m_wsNamespace}); });
 }
 
 HRESULT CimServices::CopyProxy(IUnknown* pProxy, IUnknown** ppCopy)
@@ -130,7 +130,7 @@ HRESULT CimServices::GetObject(const BSTR strObjectPath, long, IWbemContext* pCt
     if (!ppObject)
         return Hr(WBEM_E_INVALID_PARAMETER);
     *ppObject = nullptr;
-    return Guard([&] {
+    return CatchHr([&] {
         StoreState& state = StoreState::Get();
         state.RecordContext(L"GetObject", pCtx);
         const std::wstring wsPath = Text(strObjectPath);
@@ -204,7 +204,7 @@ HRESULT CimServices::PutInstance(IWbemClassObject* pInst, long lFlags, IWbemCont
     const long lMode = lFlags & (WBEM_FLAG_UPDATE_ONLY | WBEM_FLAG_CREATE_ONLY);
     if (!pInst || lMode == (WBEM_FLAG_UPDATE_ONLY | WBEM_FLAG_CREATE_ONLY))
         return Hr(WBEM_E_INVALID_PARAMETER);
-    return Guard([&] {
+    return CatchHr([&] {
         StoreState& state = StoreState::Get();
         state.RecordContext(L"PutInstance", pCtx);
         Microsoft::WRL::ComPtr<CimClassObject> pObject;
@@ -233,7 +233,7 @@ HRESULT CimServices::DeleteInstance(const BSTR strObjectPath, long, IWbemContext
     ClearCallResult(ppCallResult);
     if (!strObjectPath)
         return Hr(WBEM_E_INVALID_PARAMETER);
-    return Guard([&] {
+    return CatchHr([&] {
         StoreState& state = StoreState::Get();
         state.RecordContext(L"DeleteInstance", pCtx);
         const std::wstring wsPath = Text(strObjectPath);
@@ -262,7 +262,7 @@ HRESULT CimServices::CreateInstanceEnum(const BSTR strFilter, long lFlags, IWbem
     if (!ppEnum || !strFilter)
         return Hr(WBEM_E_INVALID_PARAMETER);
     *ppEnum = nullptr;
-    return Guard([&] {
+    return CatchHr([&] {
         StoreState& state = StoreState::Get();
         state.RecordContext(L"CreateInstanceEnum", pCtx);
         const std::wstring wsClass = Text(strFilter);
@@ -293,7 +293,7 @@ HRESULT CimServices::ExecQuery(const BSTR strQueryLanguage, const BSTR strQuery,
     *ppEnum = nullptr;
     if (_wcsicmp(strQueryLanguage, L"WQL") != 0)
         return Hr(WBEM_E_INVALID_QUERY_TYPE);
-    return Guard([&] {
+    return CatchHr([&] {
         StoreState& state = StoreState::Get();
         state.RecordContext(L"ExecQuery", pCtx);
         const std::wstring wsQuery = Text(strQuery);

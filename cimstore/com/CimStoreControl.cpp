@@ -5,7 +5,6 @@
 
 #include <cwchar>
 
-using cimstore::com::Guard;
 using cimstore::com::StoreState;
 
 namespace {
@@ -32,7 +31,7 @@ HRESULT WINAPI CimStoreLoadMofText(const wchar_t* wszText, const wchar_t* wszFil
 {
     if (!wszText)
         return E_INVALIDARG;
-    return Guard([&] {
+    return CatchHr([&] {
         return Report(StoreState::Get().Repository().CompileText(wszText, wszFileName ? wszFileName : L"(text)",
                                                                  wszNamespace ? wszNamespace : L"root\\default"),
                       wszError, cchError);
@@ -44,7 +43,7 @@ HRESULT WINAPI CimStoreLoadMofFile(const wchar_t* wszPath, const wchar_t* wszNam
 {
     if (!wszPath)
         return E_INVALIDARG;
-    return Guard([&] {
+    return CatchHr([&] {
         return Report(StoreState::Get().Repository().CompileFile(wszPath, wszNamespace ? wszNamespace
                                                                                          : L"root\\default"),
                       wszError, cchError);
@@ -55,7 +54,7 @@ HRESULT WINAPI CimStoreLoadRepository(const wchar_t* wszFolder, wchar_t* wszErro
 {
     if (!wszFolder)
         return E_INVALIDARG;
-    return Guard([&] {
+    return CatchHr([&] {
         StoreState::Get().Repository();  // the configured folder first, so it cannot replace this one later
         return Report(StoreState::Get().LoadFolder(wszFolder), wszError, cchError);
     });
@@ -63,7 +62,7 @@ HRESULT WINAPI CimStoreLoadRepository(const wchar_t* wszFolder, wchar_t* wszErro
 
 HRESULT WINAPI CimStoreReset()
 {
-    return Guard([] {
+    return CatchHr([] {
         StoreState::Get().Reset();
         return S_OK;
     });
@@ -71,7 +70,7 @@ HRESULT WINAPI CimStoreReset()
 
 HRESULT WINAPI CimStoreSave()
 {
-    return Guard([] { return StoreState::Get().Save(); });
+    return CatchHr([] { return StoreState::Get().Save(); });
 }
 
 HRESULT WINAPI CimStoreSerializeNamespace(const wchar_t* wszNamespace, BOOL bClasses, BSTR* pbstrText)
@@ -79,7 +78,7 @@ HRESULT WINAPI CimStoreSerializeNamespace(const wchar_t* wszNamespace, BOOL bCla
     if (!wszNamespace || !pbstrText)
         return E_INVALIDARG;
     *pbstrText = nullptr;
-    return Guard([&] {
+    return CatchHr([&] {
         std::wstring wsText;
         const HRESULT hr = StoreState::Get().Repository().SerializeNamespace(wszNamespace, bClasses != FALSE, wsText);
         if (FAILED(hr))
@@ -98,7 +97,7 @@ HRESULT WINAPI CimStoreInjectFault(const wchar_t* wszMethod, const wchar_t* wszT
 {
     if (lNth < 0 || SUCCEEDED(hr))
         return E_INVALIDARG;
-    return Guard([&] {
+    return CatchHr([&] {
         cimstore::com::FaultRule rule;
         rule.method = wszMethod ? wszMethod : L"";
         rule.target = wszTarget ? wszTarget : L"";
@@ -111,7 +110,7 @@ HRESULT WINAPI CimStoreInjectFault(const wchar_t* wszMethod, const wchar_t* wszT
 
 HRESULT WINAPI CimStoreClearFaults()
 {
-    return Guard([] {
+    return CatchHr([] {
         StoreState::Get().ClearFaults();
         return S_OK;
     });
@@ -142,7 +141,7 @@ LONG WINAPI CimStoreContextRecordCount()
 HRESULT WINAPI CimStoreGetContextRecord(LONG lIndex, const wchar_t* wszName, wchar_t* wszMethod, DWORD cchMethod,
                                         wchar_t* wszValue, DWORD cchValue)
 {
-    return Guard([&] {
+    return CatchHr([&] {
         const std::vector<cimstore::com::ContextRecord> records = StoreState::Get().ContextRecords();
         if (lIndex < 0 || static_cast<size_t>(lIndex) >= records.size())
             return E_INVALIDARG;
@@ -163,7 +162,7 @@ HRESULT WINAPI CimStoreGetContextRecord(LONG lIndex, const wchar_t* wszName, wch
 
 HRESULT WINAPI CimStoreClearContextRecords()
 {
-    return Guard([] {
+    return CatchHr([] {
         StoreState::Get().ClearContextRecords();
         return S_OK;
     });

@@ -60,7 +60,7 @@ public:
         *ppv = nullptr;
         if (pOuter)
             return CLASS_E_NOAGGREGATION;
-        return Guard([&] {
+        return CatchHr([&] {
             StoreState::Get().RecordLocatorClass(m_clsid);
             Microsoft::WRL::ComPtr<CimLocator> pLocator;
             TakeOwnership(pLocator, new CimLocator());
@@ -191,12 +191,12 @@ STDAPI DllCanUnloadNow()
 
 STDAPI DllRegisterServer()
 {
-    return Guard([] { return RegisterServer(CLSID_CimStoreLocator, L"CimStore Locator"); });
+    return CatchHr([] { return RegisterServer(CLSID_CimStoreLocator, L"CimStore Locator"); });
 }
 
 STDAPI DllUnregisterServer()
 {
-    return Guard([] {
+    return CatchHr([] {
         const LONG lResult = RegDeleteTreeW(HKEY_CLASSES_ROOT, (L"CLSID\\" + ClsidText(CLSID_CimStoreLocator)).c_str());
         return lResult == ERROR_SUCCESS || lResult == ERROR_FILE_NOT_FOUND ? S_OK : HRESULT_FROM_WIN32(lResult);
     });
@@ -207,7 +207,7 @@ STDAPI DllInstall(BOOL bInstall, LPCWSTR pszCmdLine)
 {
     if (!pszCmdLine || _wcsicmp(pszCmdLine, L"wmi") != 0)
         return E_INVALIDARG;
-    return Guard([&] {
+    return CatchHr([&] {
         for (const CLSID* pClsid : {&CLSID_WbemLocator, &CLSID_WbemAdministrativeLocator}) {
             const HRESULT hr = bInstall ? TakeOverClass(*pClsid) : GiveBackClass(*pClsid);
             if (FAILED(hr))

@@ -4,8 +4,9 @@
 #include <windows.h>
 #include <unknwn.h>
 
+#include "framework/HResultError.h"
+
 #include <atomic>
-#include <new>
 
 namespace cimstore::com {
 
@@ -36,18 +37,5 @@ public:                                                                         
                                                                                                                       \
 private:                                                                                                              \
     std::atomic<ULONG> m_cRef{1};
-
-// The exception-free edge of every COM method: bad_alloc becomes E_OUTOFMEMORY, anything else E_UNEXPECTED.
-template <class Body>
-HRESULT Guard(Body&& body) noexcept
-{
-    try {
-        return body();
-    } catch (const std::bad_alloc&) {
-        return E_OUTOFMEMORY;
-    } catch (...) {
-        return E_UNEXPECTED;
-    }
-}
 
 }  // namespace cimstore::com

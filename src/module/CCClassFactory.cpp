@@ -1,5 +1,6 @@
 #include "module/CCClassFactory.h"
 
+#include "framework/HResultError.h"
 #include "module/CMoradeldllModule.h"
 
 #include <wrl/client.h>
@@ -21,15 +22,11 @@ HRESULT CCClassFactory::Create(CreateFn pfnCreate, REFIID riid, void** ppv) noex
     if (!ppv)
         return E_POINTER;
     *ppv = nullptr;
-    try {
+    return CatchHr([&] {
         // The factory starts without references; the holder takes the first one.
         const Microsoft::WRL::ComPtr<CCClassFactory> pFactory(new CCClassFactory(pfnCreate));
         return pFactory->QueryInterface(riid, ppv);
-    } catch (const std::bad_alloc&) {
-        return E_OUTOFMEMORY;
-    } catch (...) {
-        return E_UNEXPECTED;
-    }
+    });
 }
 
 HRESULT CCClassFactory::QueryInterface(REFIID riid, void** ppv)

@@ -3,6 +3,7 @@
 // T provides FinalConstruct, FinalRelease and a static InterfaceId() of its dual interface.
 #pragma once
 
+#include "framework/HResultError.h"
 #include "module/CMoradeldllModule.h"
 #include "module/TypeLibrary.h"
 
@@ -22,18 +23,14 @@ public:
         if (!ppv)
             return E_POINTER;
         *ppv = nullptr;
-        try {
+        return CatchHr([&] {
             // The object starts without references; the holder takes the first one.
             const Microsoft::WRL::ComPtr<CCComObject> pObject(new CCComObject());
             HRESULT hr = pObject->FinalConstruct();
             if (SUCCEEDED(hr))
                 hr = pObject->QueryInterface(riid, ppv);
             return hr;
-        } catch (const std::bad_alloc&) {
-            return E_OUTOFMEMORY;
-        } catch (...) {
-            return E_UNEXPECTED;
-        }
+        });
     }
 
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override

@@ -1,5 +1,6 @@
 // The COM server exports: class object, unload check and self-registration.
 #include "core/CNotificationHandler.h"
+#include "framework/HResultError.h"
 #include "module/CCClassFactory.h"
 #include "module/CCComObject.h"
 #include "module/CCRegistrar.h"
@@ -39,23 +40,11 @@ HRESULT RunAppIdScript(bool bRegister)
     return registrar.RunResource(_Module.GetInstance(), IDR_MORADELDLL, L"REGISTRY", bRegister);
 }
 
-template <class Body>
-HRESULT Guarded(Body&& body) noexcept
-{
-    try {
-        return body();
-    } catch (const std::bad_alloc&) {
-        return E_OUTOFMEMORY;
-    } catch (...) {
-        return E_UNEXPECTED;
-    }
-}
-
 }  // namespace
 
 STDAPI DllGetClassObject(REFCLSID rclsid, REFIID riid, LPVOID* ppv)
 {
-    return Guarded([&]() -> HRESULT {
+    return CatchHr([&]() -> HRESULT {
         if (!ppv)
             return E_POINTER;
         *ppv = nullptr;
@@ -72,7 +61,7 @@ STDAPI DllCanUnloadNow()
 
 STDAPI DllRegisterServer()
 {
-    return Guarded([&]() -> HRESULT {
+    return CatchHr([&]() -> HRESULT {
         CCThreadLocaleScope locale;
         HRESULT hr = RunAppIdScript(true);
         if (SUCCEEDED(hr))
@@ -85,7 +74,7 @@ STDAPI DllRegisterServer()
 
 STDAPI DllUnregisterServer()
 {
-    return Guarded([&]() -> HRESULT {
+    return CatchHr([&]() -> HRESULT {
         CCThreadLocaleScope locale;
         // Every step runs even after a failure, so as much as possible is removed; the first failure counts.
         HRESULT hr = UnregisterClassKeys(HKEY_CLASSES_ROOT, kHandlerRegistration);
