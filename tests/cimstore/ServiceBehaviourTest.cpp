@@ -3,6 +3,7 @@
 #include "ObjectsFixture.h"
 
 #include <fstream>
+#include <memory>
 #include <thread>
 
 using Microsoft::WRL::ComPtr;
@@ -193,17 +194,37 @@ TEST_F(ServiceBehaviourTest, ThreadsQueryAndWriteAtOnce)
     EXPECT_EQ(uCount, 2u + kThreads * kRounds);
 }
 
+// HKLM\SOFTWARE\CimStore value Repository for the life of the object; other values of
+// the key (such as the servers saved by the WMI takeover) stay untouched.
+class RepositoryValue {
+public:
+    explicit RepositoryValue(const std::wstring& wsFolder)
+    {
+        RegSetKeyValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\CimStore", L"Repository", REG_SZ, wsFolder.c_str(),
+                        static_cast<DWORD>((wsFolder.size() + 1) * sizeof(wchar_t)));
+    }
+    ~RepositoryValue() { RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\CimStore", L"Repository"); }
+    RepositoryValue(const RepositoryValue&) = delete;
+    RepositoryValue& operator=(const RepositoryValue&) = delete;
+};
+
 // Persistence: a second process sees what the first one stored, and a save interrupted
 // between writing and publishing leaves the former state readable.
 class PersistenceTest : public CimStoreTest {
 protected:
-    // Runs this test program again, limited to the child test, on the same repository folder.
-    static DWORD RunChild(const std::wstring& wsFolder, const std::wstring& wsExpectation)
+    // Runs this test program again, limited to the child test, on the same repository folder,
+    // named by CIMSTORE_REPOSITORY or (bRegistry) by the registry value.
+    static DWORD RunChild(const std::wstring& wsFolder, const std::wstring& wsExpectation, bool bRegistry = false)
     {
         wchar_t wszExe[MAX_PATH];
         GetModuleFileNameW(nullptr, wszExe, MAX_PATH);
         std::wstring wsCommand = L"\"" + std::wstring(wszExe) + L"\" --gtest_filter=ChildProcess.PersistenceSeesTheStoredState";
-        SetEnvironmentVariableW(L"CIMSTORE_REPOSITORY", wsFolder.c_str());
+        std::unique_ptr<RepositoryValue> pValue;
+        if (bRegistry) {
+            pValue = std::make_unique<RepositoryValue>(wsFolder);
+        } else {
+            SetEnvironmentVariableW(L"CIMSTORE_REPOSITORY", wsFolder.c_str());
+        }
         SetEnvironmentVariableW(L"CIMSTORE_TEST_EXPECT", wsExpectation.c_str());
         STARTUPINFOW si = {};
         si.cb = sizeof(si);
@@ -255,6 +276,7 @@ TEST_F(PersistenceTest, ChangesSurviveTheProcess)
 
     StoreSize(pServices.Get(), 99, S_OK);
     EXPECT_EQ(RunChild(folder.Path(), L"99,deleted"), 0u);
+    EXPECT_EQ(RunChild(folder.Path(), L"99,deleted", true), 0u);
     pServices.Reset();
     CimStoreReset();
 }
