@@ -6,6 +6,8 @@
 #include "core/CNotfySimulation.h"
 #include "framework/CCMethodTrace.h"
 #include "framework/HResultError.h"
+#include "notifications/inventory/CNotfyDeviceChange.h"
+#include "notifications/sensors/CNotfyTemperature.h"
 
 #include <cstdint>
 #include <new>
@@ -56,13 +58,13 @@ const std::array<CNotificationHandler::KindEntry, 20>& CNotificationHandler::Kin
         {1, "CNotfyHardDisksSMART", nullptr},
         {2, "CNotfyCoverOpening", nullptr},
         {3, "CNotfyCoverSensor", nullptr},
-        {7, "CNotfyTemperature", nullptr},
+        {7, "CNotfyTemperature", &CreateKind<CNotfyTemperature>},
         {8, "CNotfyFanMonitoring", nullptr},
         {9, "CNotfyFanDeterioration", nullptr},
         {11, "CNotfyVoltage", nullptr},
         {21, "CNotfyHardDisksFreeSpaceData", nullptr},
         {22, "CNotfyMemoryChange", nullptr},
-        {23, "CNotfyDeviceChange", nullptr},
+        {23, "CNotfyDeviceChange", &CreateKind<CNotfyDeviceChange>},
         {56, "CNotfyHardDisksFreeSpaceSystem", nullptr},
         {57, "CNotfyLeaseExpiration", nullptr},
         {58, "CNotfyProcessorChange", nullptr},
