@@ -1,4 +1,5 @@
 #include "core/CNotfyBase.h"
+#include "core/EventValues.h"
 
 #include "access/CCStringConversion.h"
 #include "access/ComHolders.h"
@@ -22,14 +23,6 @@ unsigned Address(const void* p)
 const char* Text(const char* sz)
 {
     return sz ? sz : "";
-}
-
-HRESULT PutI4(CCWMIAccess& access, const char* szProperty, LONG lValue)
-{
-    CCVariant value;
-    V_VT(value.Ptr()) = VT_I4;
-    V_I4(value.Ptr()) = lValue;
-    return access.SetProperty(szProperty, value.Ptr());
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include "core/CNotfySimulation.h"
+#include "core/EventValues.h"
 
 #include "access/ComHolders.h"
 #include "framework/CCMethodTrace.h"
@@ -7,20 +8,6 @@
 namespace {
 
 constexpr char kEntered[] = "has been entered.";
-
-HRESULT PutI4(CCWMIAccess& access, const char* szProperty, LONG lValue)
-{
-    CCVariant value;
-    V_VT(value.Ptr()) = VT_I4;
-    V_I4(value.Ptr()) = lValue;
-    return access.SetProperty(szProperty, value.Ptr());
-}
-
-void Check(HRESULT hr, const char* szQualifiedName, const char* szMessage)
-{
-    if (FAILED(hr))
-        RaiseHr(hr, szQualifiedName, szMessage, "hr 0x%X", static_cast<unsigned>(hr));
-}
 
 }  // namespace
 
@@ -50,11 +37,11 @@ HRESULT CNotfySimulation::RetrieveInstances()
     constexpr char kName[] = "CNotfySimulation::RetrieveInstances";
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
     return trace.Return(CatchHr([&]() -> HRESULT {
-        Check(m_wmi.NewInstance(m_sEventClassName.c_str()), kName, "Raising exception because NewInstance failed.");
-        Check(PutI4(m_wmi, "DeviceId", 1), kName, "Raising exception because SetProperty on 'DeviceId' failed.");
-        Check(SetEventData(), kName, "Raising exception because SetEventData failed.");
-        Check(SetCommonData(), kName, "Raising exception because SetCommonData failed.");
-        Check(AddToList(), kName, "Raising exception because AddToList failed.");
+        RaiseIfFailed(m_wmi.NewInstance(m_sEventClassName.c_str()), kName, "Raising exception because NewInstance failed.");
+        RaiseIfFailed(PutI4(m_wmi, "DeviceId", 1), kName, "Raising exception because SetProperty on 'DeviceId' failed.");
+        RaiseIfFailed(SetEventData(), kName, "Raising exception because SetEventData failed.");
+        RaiseIfFailed(SetCommonData(), kName, "Raising exception because SetCommonData failed.");
+        RaiseIfFailed(AddToList(), kName, "Raising exception because AddToList failed.");
         return S_OK;
     }));
 }
@@ -64,11 +51,11 @@ HRESULT CNotfySimulation::SetEventData()
     constexpr char kName[] = "CNotfySimulation::SetEventData";
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
     return trace.Return(CatchHr([&]() -> HRESULT {
-        Check(PutI4(m_wmi, "EventStatus", 1), kName, "Raising exception because SetProperty on 'EventStatus' failed");
-        Check(PutI4(m_wmi, "EventTextId", 59001), kName,
+        RaiseIfFailed(PutI4(m_wmi, "EventStatus", 1), kName, "Raising exception because SetProperty on 'EventStatus' failed");
+        RaiseIfFailed(PutI4(m_wmi, "EventTextId", 59001), kName,
               "Raising exception because SetProperty on 'EventTextId' failed");
         // Set directly, not through SetEventType: 5 marks a simulated event and compares with nothing.
-        Check(PutI4(m_wmi, "EventType", 5), kName, "Raising exception because SetProperty on 'EventType' failed");
+        RaiseIfFailed(PutI4(m_wmi, "EventType", 5), kName, "Raising exception because SetProperty on 'EventType' failed");
         return S_OK;
     }));
 }

@@ -1,4 +1,5 @@
 #include "notifications/inventory/CNotfyDeviceChange.h"
+#include "core/EventValues.h"
 
 #include "access/CCStringConversion.h"
 #include "access/ComHolders.h"
@@ -20,20 +21,6 @@ constexpr LONG kStatusRemoved = 3;
 constexpr LONG kTypeUnchanged = 3;
 constexpr LONG kTypeInventory = 5;
 
-HRESULT PutI4(CCWMIAccess& access, const char* szProperty, LONG lValue)
-{
-    CCVariant value;
-    V_VT(value.Ptr()) = VT_I4;
-    V_I4(value.Ptr()) = lValue;
-    return access.SetProperty(szProperty, value.Ptr());
-}
-
-void Check(HRESULT hr, const char* szQualifiedName, const char* szMessage)
-{
-    if (FAILED(hr))
-        RaiseHr(hr, szQualifiedName, szMessage, "hr 0x%X", static_cast<unsigned>(hr));
-}
-
 bool IsNoData(HRESULT hr)
 {
     return hr == static_cast<HRESULT>(WBEM_E_NOT_AVAILABLE);
@@ -42,15 +29,6 @@ bool IsNoData(HRESULT hr)
 bool IsNotFound(HRESULT hr)
 {
     return hr == static_cast<HRESULT>(WBEM_E_NOT_FOUND);
-}
-
-std::string Text(const VARIANT& value)
-{
-    if (V_VT(&value) != VT_BSTR || !V_BSTR(&value))
-        return std::string();
-    CCStringConversion text(V_BSTR(&value));
-    const char* sz = text.Convert2A();
-    return sz ? std::string(sz) : std::string();
 }
 
 void TraceContinue(const char* szQualifiedName, HRESULT hr)
@@ -93,7 +71,7 @@ HRESULT CNotfyDeviceChange::RetrieveInstances()
     return trace.Return(CatchHr([&]() -> HRESULT {
         CCWMIAccess data;
         data.SetContext(m_context);
-        Check(data.ConnectToNamespace(m_sReferencedNamespace.c_str(), -1, nullptr), kName,
+        RaiseIfFailed(data.ConnectToNamespace(m_sReferencedNamespace.c_str(), -1, nullptr), kName,
               "Raising exception because ConnectToNamespace failed.");
 
         LONG lDeviceId = 1;
@@ -115,23 +93,23 @@ HRESULT CNotfyDeviceChange::RetrieveInstances()
             if (!GetUniqueId(data, id.Ptr()))
                 continue;  // not on an IDE or SCSI controller: no event, no number used
             const HRESULT hrItem = CatchHr([&]() -> HRESULT {
-                Check(m_wmi.NewInstance(m_sEventClassName.c_str()), kName,
+                RaiseIfFailed(m_wmi.NewInstance(m_sEventClassName.c_str()), kName,
                       "Raising exception because NewInstance failed.");
-                Check(m_wmi.SetProperty("Object", id.Ptr()), kName,
+                RaiseIfFailed(m_wmi.SetProperty("Object", id.Ptr()), kName,
                       "Raising exception because setting 'Object' reference failed.");
-                Check(PutI4(m_wmi, "DeviceId", lDeviceId), kName,
+                RaiseIfFailed(PutI4(m_wmi, "DeviceId", lDeviceId), kName,
                       "Raising exception because SetProperty on 'DeviceId' failed.");
                 const HRESULT hrData = SetEventData(data);
-                Check(hrData, kName, "Raising exception because SetEventData failed.");
+                RaiseIfFailed(hrData, kName, "Raising exception because SetEventData failed.");
                 if (hrData == NOTFY_S_UNCHANGED) {
                     CCVariant noPut;
                     V_VT(noPut.Ptr()) = VT_BOOL;
                     V_BOOL(noPut.Ptr()) = VARIANT_TRUE;
-                    Check(m_wmi.SetQualifier("NoPut", noPut.Ptr(), nullptr), kName,
+                    RaiseIfFailed(m_wmi.SetQualifier("NoPut", noPut.Ptr(), nullptr), kName,
                           "Raising exception because SetQualifier with 'NoPut' failed.");
                 }
-                Check(SetCommonData(), kName, "Raising exception because SetCommonData failed.");
-                Check(AddToList(), kName, "Raising exception because AddToList failed.");
+                RaiseIfFailed(SetCommonData(), kName, "Raising exception because SetCommonData failed.");
+                RaiseIfFailed(AddToList(), kName, "Raising exception because AddToList failed.");
                 return S_OK;
             });
             if (FAILED(hrItem))
@@ -153,7 +131,7 @@ bool CNotfyDeviceChange::GetUniqueId(CCWMIAccess& enumerator, VARIANT* pvId)
             RaiseHr(FAILED(hr) ? hr : static_cast<HRESULT>(WBEM_E_TYPE_MISMATCH), kName,
                     "Raising exception because error getting '__PATH' property on PnpInstance", "hr 0x%X",
                     static_cast<unsigned>(hr));
-        const std::string sPnpPath = Text(pnpPath.Get());
+        const std::string sPnpPath = NarrowText(pnpPath.Get());
 
         CCWMIAccess references;
         references = static_cast<IWbemServices*>(enumerator);
@@ -167,7 +145,7 @@ bool CNotfyDeviceChange::GetUniqueId(CCWMIAccess& enumerator, VARIANT* pvId)
                     RaiseHr(FAILED(hr) ? hr : static_cast<HRESULT>(WBEM_E_TYPE_MISMATCH), kName,
                             "Raising exception because error getting '__PATH' property on Controller instance",
                             "hr 0x%X", static_cast<unsigned>(hr));
-                Check(VariantCopy(pvId, controllerPath.Ptr()), kName,
+                RaiseIfFailed(VariantCopy(pvId, controllerPath.Ptr()), kName,
                       "Raising exception because error getting '__PATH' property on Controller instance");
                 return S_OK;
             }
@@ -223,9 +201,9 @@ HRESULT CNotfyDeviceChange::SetEventData(CCWMIAccess& enumerator)
         if (SUCCEEDED(hr)) {
             // Not the first inventory: a device whose key is not stored has been added.
             CCVariant relPath;
-            Check(m_wmi.GetProperty("__RELPATH", relPath.GetAddress(), false, 0), kName,
+            RaiseIfFailed(m_wmi.GetProperty("__RELPATH", relPath.GetAddress(), false, 0), kName,
                   "Raising exception because error getting '__RELPATH' property");
-            hr = stored.GetObject(Text(relPath.Get()).c_str());
+            hr = stored.GetObject(NarrowText(relPath.Get()).c_str());
             if (IsNotFound(hr)) {
                 lType = kTypeInventory;
                 lStatus = kStatusAdded;
@@ -238,9 +216,9 @@ HRESULT CNotfyDeviceChange::SetEventData(CCWMIAccess& enumerator)
             }
         }
 
-        Check(PutI4(m_wmi, "EventStatus", lStatus), kName,
+        RaiseIfFailed(PutI4(m_wmi, "EventStatus", lStatus), kName,
               "Raising exception because SetProperty on 'EventStatus' failed");
-        Check(PutI4(m_wmi, "EventTextId", lTextId), kName,
+        RaiseIfFailed(PutI4(m_wmi, "EventTextId", lTextId), kName,
               "Raising exception because SetProperty on 'EventTextId' failed");
         CCSafeArray arguments(SafeArrayCreateVector(VT_BSTR, 0, 1));
         if (!arguments.Get())
@@ -248,14 +226,14 @@ HRESULT CNotfyDeviceChange::SetEventData(CCWMIAccess& enumerator)
                     "");
         CCBstr bstrName(wsName.c_str());
         LONG lIndex = 0;
-        Check(SafeArrayPutElement(arguments.Get(), &lIndex, bstrName.Get()), kName,
+        RaiseIfFailed(SafeArrayPutElement(arguments.Get(), &lIndex, bstrName.Get()), kName,
               "Raising exception because SetProperty on 'EventTextArguments' failed");
         CCVariant textArguments;
         V_VT(textArguments.Ptr()) = VT_ARRAY | VT_BSTR;
         V_ARRAY(textArguments.Ptr()) = arguments.Detach();
-        Check(m_wmi.SetProperty("EventTextArguments", textArguments.Ptr()), kName,
+        RaiseIfFailed(m_wmi.SetProperty("EventTextArguments", textArguments.Ptr()), kName,
               "Raising exception because SetProperty on 'EventTextArguments' failed");
-        Check(PutI4(m_wmi, "EventType", lType), kName, "Raising exception because SetProperty on 'EventType' failed");
+        RaiseIfFailed(PutI4(m_wmi, "EventType", lType), kName, "Raising exception because SetProperty on 'EventType' failed");
         return hrResult;
     }));
 }
@@ -276,16 +254,16 @@ HRESULT CNotfyDeviceChange::AddObsoleteInstances()
         m_obsoleteList.erase(m_obsoleteList.begin());
         const HRESULT hrItem = CatchHr([&]() -> HRESULT {
             // AttachInstanceObject takes over the reference it is given.
-            Check(m_wmi.AttachInstanceObject(pStored.Detach()), kName,
+            RaiseIfFailed(m_wmi.AttachInstanceObject(pStored.Detach()), kName,
                   "Raising exception because CCWMIAccess::AttachInstanceObject failed");
-            Check(PutI4(m_wmi, "EventStatus", kStatusRemoved), kName,
+            RaiseIfFailed(PutI4(m_wmi, "EventStatus", kStatusRemoved), kName,
                   "Raising exception because SetProperty on 'EventStatus' failed");
-            Check(PutI4(m_wmi, "EventTextId", kNotfyId * 1000 + 3), kName,
+            RaiseIfFailed(PutI4(m_wmi, "EventTextId", kNotfyId * 1000 + 3), kName,
                   "Raising exception because SetProperty on 'EventTextId' failed");
-            Check(PutI4(m_wmi, "EventType", kTypeInventory), kName,
+            RaiseIfFailed(PutI4(m_wmi, "EventType", kTypeInventory), kName,
                   "Raising exception because SetProperty on 'EventTextId' failed");
-            Check(SetCommonData(), kName, "Raising exception because SetCommonData failed");
-            Check(AddToList(), kName, "Raising exception because AddToList failed");
+            RaiseIfFailed(SetCommonData(), kName, "Raising exception because SetCommonData failed");
+            RaiseIfFailed(AddToList(), kName, "Raising exception because AddToList failed");
             return S_OK;
         });
         if (FAILED(hrItem))

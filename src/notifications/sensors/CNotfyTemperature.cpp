@@ -1,4 +1,5 @@
 #include "notifications/sensors/CNotfyTemperature.h"
+#include "core/EventValues.h"
 
 #include "access/CCStringConversion.h"
 #include "access/ComHolders.h"
@@ -21,20 +22,6 @@ constexpr CTemperatureMessages kGraphicCard = {7206, 7204, 7205, 7202, 7207, 720
 constexpr CTemperatureMessages kHardDisk = {7101, 7102, 7103, 7104, -1, -1};
 constexpr CTemperatureMessages kIndexedProbe = {7306, 7304, 7305, 7302, 7307, 7303};
 constexpr CTemperatureMessages kSystemProbe = {7021, 7013, 7017, 7005, 7025, 7009};
-
-HRESULT PutI4(CCWMIAccess& access, const char* szProperty, LONG lValue)
-{
-    CCVariant value;
-    V_VT(value.Ptr()) = VT_I4;
-    V_I4(value.Ptr()) = lValue;
-    return access.SetProperty(szProperty, value.Ptr());
-}
-
-void Check(HRESULT hr, const char* szQualifiedName, const char* szMessage)
-{
-    if (FAILED(hr))
-        RaiseHr(hr, szQualifiedName, szMessage, "hr 0x%X", static_cast<unsigned>(hr));
-}
 
 // A success code raised to skip the probe; traced at Info because it is no error.
 [[noreturn]] void Skip(HRESULT hr, const char* szQualifiedName, const char* szMessage)
@@ -218,18 +205,18 @@ HRESULT CNotfyTemperature::RetrieveInstances()
 
         do {
             const HRESULT hrProbe = CatchHr([&]() -> HRESULT {
-                Check(m_wmi.NewInstance(m_sEventClassName.c_str()), kName,
+                RaiseIfFailed(m_wmi.NewInstance(m_sEventClassName.c_str()), kName,
                       "Raising exception because NewInstance failed.");
                 CCVariant relPath;
                 HRESULT hrStep = source.GetProperty("__RelPath", relPath.GetAddress(), false, 0);
                 if (SUCCEEDED(hrStep))
                     hrStep = m_wmi.SetProperty("Object", relPath.Ptr());
-                Check(hrStep, kName, "Raising exception because setting 'Object' reference failed.");
+                RaiseIfFailed(hrStep, kName, "Raising exception because setting 'Object' reference failed.");
                 CCVariant deviceId;
                 hrStep = source.GetProperty("DeviceID", deviceId.GetAddress(), false, 0);
                 if (SUCCEEDED(hrStep))
                     hrStep = m_wmi.SetProperty("DeviceId", deviceId.Ptr());
-                Check(hrStep, kName, "Raising exception because setting 'DeviceId' failed.");
+                RaiseIfFailed(hrStep, kName, "Raising exception because setting 'DeviceId' failed.");
 
                 CCVariant present;
                 hrStep = source.GetProperty("SensorPresent", present.GetAddress(), false, 0);
@@ -237,7 +224,7 @@ HRESULT CNotfyTemperature::RetrieveInstances()
                     Skip(NOTFY_S_SKIP, kName, "Raising exception because sensor not supported.");
 
                 const HRESULT hrData = SetEventData(source);
-                Check(hrData, kName, "Raising exception because SetEventData failed.");
+                RaiseIfFailed(hrData, kName, "Raising exception because SetEventData failed.");
                 if (hrData == kHddSensorOff)
                     Skip(kHddSensorOff, kName,
                          "Raising exception because SetCommonData returned WBEM_S_SOURCE_NOT_AVAILABLE.");
@@ -245,11 +232,11 @@ HRESULT CNotfyTemperature::RetrieveInstances()
                     CCVariant noPut;
                     V_VT(noPut.Ptr()) = VT_BOOL;
                     V_BOOL(noPut.Ptr()) = VARIANT_TRUE;
-                    Check(m_wmi.SetQualifier("NoPut", noPut.Ptr(), nullptr), kName,
+                    RaiseIfFailed(m_wmi.SetQualifier("NoPut", noPut.Ptr(), nullptr), kName,
                           "Raising exception because SetQualifier with 'NoPut' failed.");
                 }
-                Check(SetCommonData(), kName, "Raising exception because SetCommonData failed.");
-                Check(AddToList(), kName, "Raising exception because AddToList failed.");
+                RaiseIfFailed(SetCommonData(), kName, "Raising exception because SetCommonData failed.");
+                RaiseIfFailed(AddToList(), kName, "Raising exception because AddToList failed.");
                 return S_OK;
             });
             if (FAILED(hrProbe))
@@ -271,12 +258,12 @@ HRESULT CNotfyTemperature::SetEventData(CCWMIAccess& source)
         HRESULT hr = source.GetProperty("Name", name.GetAddress(), false, 0);
         if (SUCCEEDED(hr) && name.Type() != VT_BSTR)
             hr = WBEM_E_TYPE_MISMATCH;
-        Check(hr, kName, "Raising exception because error getting 'Name' property");
+        RaiseIfFailed(hr, kName, "Raising exception because error getting 'Name' property");
 
         LONG lSensorId = 0;
-        Check(ReadInteger(source, "SensorId", &lSensorId), kName,
+        RaiseIfFailed(ReadInteger(source, "SensorId", &lSensorId), kName,
               "Raising exception because error getting 'SensorId' property");
-        Check(PutI4(m_wmi, "SensorId", lSensorId), kName, "Raising exception because SetProperty on 'SensorId' failed");
+        RaiseIfFailed(PutI4(m_wmi, "SensorId", lSensorId), kName, "Raising exception because SetProperty on 'SensorId' failed");
 
         std::wstring wsDescription;
         if (lSensorId != kUnsupportedSensor && (lSensorId & kHardDiskBit)) {
@@ -294,11 +281,11 @@ HRESULT CNotfyTemperature::SetEventData(CCWMIAccess& source)
                 wsDescription = V_BSTR(&description.Get());
         }
 
-        Check(m_wmi.SetProperty("Name", name.Ptr()), kName, "Raising exception because SetProperty on 'Name' failed");
+        RaiseIfFailed(m_wmi.SetProperty("Name", name.Ptr()), kName, "Raising exception because SetProperty on 'Name' failed");
 
         LONG lReading = 0;
         hr = ReadInteger(source, "CurrentReading", &lReading);
-        Check(hr, kName, "Raising exception because Could not get the current value!");
+        RaiseIfFailed(hr, kName, "Raising exception because Could not get the current value!");
         CTemperatureThresholds limits;
         ReadThreshold(source, "UpperThresholdNonCritical", &limits.lUpperNonCritical);
         ReadThreshold(source, "UpperThresholdCritical", &limits.lUpperCritical);
@@ -337,12 +324,12 @@ HRESULT CNotfyTemperature::SetEventData(CCWMIAccess& source)
             break;
         }
 
-        Check(PutI4(m_wmi, "EventStatus", static_cast<LONG>(ulStatus)), kName,
+        RaiseIfFailed(PutI4(m_wmi, "EventStatus", static_cast<LONG>(ulStatus)), kName,
               "Raising exception because SetProperty on 'EventStatus' failed");
-        Check(PutI4(m_wmi, "EventTextId", lTextId), kName,
+        RaiseIfFailed(PutI4(m_wmi, "EventTextId", lTextId), kName,
               "Raising exception because SetProperty on 'EventTextId' failed");
         if (bHasArguments)
-            Check(PutTextArray(m_wmi, "EventTextArguments", arguments), kName,
+            RaiseIfFailed(PutTextArray(m_wmi, "EventTextArguments", arguments), kName,
                   "Raising exception because error setting 'EventTextArguments' property");
         return SetEventType(ulStatus);
     }));
