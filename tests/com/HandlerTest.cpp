@@ -78,6 +78,37 @@ std::wstring Text(IWbemClassObject* pObject, const wchar_t* wszName)
     return V_BSTR(&value.Get());
 }
 
+// The store's own services for a namespace, without the handler.
+ComPtr<IWbemServices> Connect(const wchar_t* wszNamespace)
+{
+    ComPtr<IWbemLocator> pLocator;
+    ComPtr<IWbemServices> pServices;
+    EXPECT_EQ(CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemLocator,
+                               reinterpret_cast<void**>(pLocator.GetAddressOf())),
+              S_OK);
+    CCBstr bstrNamespace(wszNamespace);
+    if (pLocator) {
+        EXPECT_EQ(pLocator->ConnectServer(bstrNamespace.Get(), nullptr, nullptr, nullptr, 0, nullptr, nullptr,
+                                          pServices.GetAddressOf()),
+                  S_OK);
+    }
+    return pServices;
+}
+
+// A GetInstances request that must fail: its return value is checked and the VARIANT must be left
+// as it was; the HRESULT goes back to the caller.
+HRESULT FailedRequest(INotifications* pHandler, ULONG ulNotfyId, ULONG ulExpected, const std::string& sCase,
+                      bool bNullArray = false)
+{
+    CCVariant instances;
+    SetSentinel(instances);
+    ULONG ulReturn = kSentinel;
+    const HRESULT hr = pHandler->GetInstances(ulNotfyId, bNullArray ? nullptr : instances.Ptr(), &ulReturn);
+    EXPECT_EQ(ulReturn, ulExpected) << sCase;
+    EXPECT_TRUE(IsSentinel(instances)) << sCase;
+    return hr;
+}
+
 class HandlerTest : public CimStoreTest {
 protected:
     void SetUp() override
@@ -99,6 +130,11 @@ protected:
         EXPECT_EQ(m_pModule->CreateHandler(pHandler), S_OK);
         return pHandler;
     }
+    HRESULT GetFactory(ComPtr<IClassFactory>& pFactory)
+    {
+        return m_pModule->GetClassObject(CLSID_NotificationHandler, IID_IClassFactory,
+                                         reinterpret_cast<void**>(pFactory.ReleaseAndGetAddressOf()));
+    }
     ComPtr<INotifications> InitializedHandler(const wchar_t* wszNamespace = kEventNamespace)
     {
         ComPtr<INotifications> pHandler = NewHandler();
@@ -114,58 +150,35 @@ protected:
     std::unique_ptr<MoradelModule> m_pModule;
 };
 
+// Both requests answer a failure before any object exists the same way, except for the array check.
 TEST_F(HandlerTest, FailuresAnswerAsTheReturnValueTableSays)
 {
-    struct Row {
+    const struct {
         const char* szCase;
         bool bInitialize;
         bool bNullArray;
         ULONG ulNotfyId;
         HRESULT hrExpected;
         ULONG ulReturnExpected;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"null array, not initialised", false, true, 59, E_POINTER, kFailedBefore},
         {"null array, initialised", true, true, 59, E_POINTER, kFailedBefore},
         {"null array, unknown id", true, true, 4, E_POINTER, kFailedBefore},
         {"not initialised, known id", false, false, 59, E_UNEXPECTED, kFailedBefore},
         {"not initialised, unknown id", false, false, 4, E_UNEXPECTED, kFailedBefore},
         {"unknown id 4", true, false, 4, E_INVALIDARG, 4},
-        {"unknown id 10", true, false, 10, E_INVALIDARG, 10},
         {"unknown id 66", true, false, 66, E_INVALIDARG, 66},
         {"unknown id 0", true, false, 0, E_INVALIDARG, 0},
         {"unknown id 0xFFFFFFFE", true, false, 0xFFFFFFFE, E_INVALIDARG, 0xFFFFFFFE},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         ComPtr<INotifications> pHandler = row.bInitialize ? InitializedHandler() : NewHandler();
         ASSERT_TRUE(pHandler) << row.szCase;
-        CCVariant instances;
-        SetSentinel(instances);
-        ULONG ulReturn = kSentinel;
-        const HRESULT hr = pHandler->GetInstances(row.ulNotfyId, row.bNullArray ? nullptr : instances.Ptr(), &ulReturn);
-        EXPECT_EQ(hr, row.hrExpected) << row.szCase << " hr 0x" << std::hex << hr;
-        EXPECT_EQ(ulReturn, row.ulReturnExpected) << row.szCase;
-        EXPECT_TRUE(IsSentinel(instances)) << row.szCase;
-    }
-}
-
-TEST_F(HandlerTest, DeleteObsoleteInstancesFailuresAnswerAsTheTableSays)
-{
-    struct Row {
-        const char* szCase;
-        bool bInitialize;
-        ULONG ulNotfyId;
-        HRESULT hrExpected;
-        ULONG ulReturnExpected;
-    };
-    const Row rows[] = {
-        {"not initialised", false, 59, E_UNEXPECTED, kFailedBefore},
-        {"unknown id 4", true, 4, E_INVALIDARG, 4},
-        {"unknown id 66", true, 66, E_INVALIDARG, 66},
-    };
-    for (const Row& row : rows) {
-        ComPtr<INotifications> pHandler = row.bInitialize ? InitializedHandler() : NewHandler();
-        ASSERT_TRUE(pHandler) << row.szCase;
+        EXPECT_EQ(FailedRequest(pHandler.Get(), row.ulNotfyId, row.ulReturnExpected, row.szCase, row.bNullArray),
+                  row.hrExpected)
+            << row.szCase;
+        if (row.bNullArray)
+            continue;
         ULONG ulReturn = kSentinel;
         EXPECT_EQ(pHandler->DeleteObsoleteInstances(row.ulNotfyId, &ulReturn), row.hrExpected) << row.szCase;
         EXPECT_EQ(ulReturn, row.ulReturnExpected) << row.szCase;
@@ -181,13 +194,9 @@ TEST_F(HandlerTest, KindsMissingFromTheBuildAnswerAsUnknownIds)
     for (const CNotificationHandler::KindEntry& entry : CNotificationHandler::KindTable()) {
         if (entry.pfnCreate)
             continue;
-        CCVariant instances;
-        SetSentinel(instances);
+        EXPECT_EQ(FailedRequest(pHandler.Get(), entry.ulNotfyId, entry.ulNotfyId, entry.szClassName), E_INVALIDARG)
+            << entry.szClassName;
         ULONG ulReturn = kSentinel;
-        EXPECT_EQ(pHandler->GetInstances(entry.ulNotfyId, instances.Ptr(), &ulReturn), E_INVALIDARG) << entry.szClassName;
-        EXPECT_EQ(ulReturn, entry.ulNotfyId) << entry.szClassName;
-        EXPECT_TRUE(IsSentinel(instances)) << entry.szClassName;
-        ulReturn = kSentinel;
         EXPECT_EQ(pHandler->DeleteObsoleteInstances(entry.ulNotfyId, &ulReturn), E_INVALIDARG) << entry.szClassName;
         EXPECT_EQ(ulReturn, entry.ulNotfyId) << entry.szClassName;
     }
@@ -209,11 +218,10 @@ TEST_F(HandlerTest, SimulationYieldsOneFreshEventPerRequest)
         IWbemClassObject* pEvent = objects[0].Get();
         ASSERT_TRUE(pEvent);
         EXPECT_EQ(Text(pEvent, L"__CLASS"), L"KM_Notifications");
-        EXPECT_EQ(I4(pEvent, L"DeviceId"), 1);
-        EXPECT_EQ(I4(pEvent, L"EventStatus"), 1);
-        EXPECT_EQ(I4(pEvent, L"EventTextId"), 59001);
-        EXPECT_EQ(I4(pEvent, L"EventType"), 5);
-        EXPECT_EQ(I4(pEvent, L"EventId"), 59);
+        const std::pair<const wchar_t*, LONG> aFields[] = {
+            {L"DeviceId", 1}, {L"EventStatus", 1}, {L"EventTextId", 59001}, {L"EventType", 5}, {L"EventId", 59}};
+        for (const auto& [wszName, lValue] : aFields)
+            EXPECT_EQ(I4(pEvent, wszName), lValue) << Narrow(wszName);
         EXPECT_EQ(Text(pEvent, L"EventTime").size(), 25u) << Narrow(Text(pEvent, L"EventTime"));
         EXPECT_NE(Text(pEvent, L"MachineName"), L"<none>");
         const std::wstring wsUuid = Text(pEvent, L"UUID");
@@ -253,15 +261,8 @@ instance of KM_Notifications { DeviceId = 7; Object = "Win32_Gone.Name=\"x\""; E
     EXPECT_EQ(pHandler->DeleteObsoleteInstances(59, &ulReturn), kNothingToDelete);
     EXPECT_EQ(ulReturn, 0u);
 
-    ComPtr<IWbemLocator> pLocator;
-    ASSERT_EQ(CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemLocator,
-                               reinterpret_cast<void**>(pLocator.GetAddressOf())),
-              S_OK);
-    ComPtr<IWbemServices> pServices;
-    CCBstr bstrNamespace(kEventNamespace);
-    ASSERT_EQ(pLocator->ConnectServer(bstrNamespace.Get(), nullptr, nullptr, nullptr, 0, nullptr, nullptr,
-                                      pServices.GetAddressOf()),
-              S_OK);
+    ComPtr<IWbemServices> pServices = Connect(kEventNamespace);
+    ASSERT_TRUE(pServices);
     ComPtr<IWbemClassObject> pStored;
     CCBstr bstrPath(L"KM_Notifications.DeviceId=7");
     EXPECT_EQ(pServices->GetObject(bstrPath.Get(), 0, nullptr, pStored.GetAddressOf(), nullptr), S_OK);
@@ -271,16 +272,13 @@ TEST_F(HandlerTest, UnopenableNamespaceInitialisesAndTheRequestFailsInTheObject)
 {
     ComPtr<INotifications> pHandler = InitializedHandler(L"root\\no\\such\\namespace");
     ASSERT_TRUE(pHandler);
-    CCVariant instances;
-    SetSentinel(instances);
-    ULONG ulReturn = kSentinel;
-    const HRESULT hr = pHandler->GetInstances(59, instances.Ptr(), &ulReturn);
+    const HRESULT hr = FailedRequest(pHandler.Get(), 59, 59, "no namespace");
     EXPECT_TRUE(FAILED(hr)) << std::hex << hr;
-    EXPECT_EQ(ulReturn, 59u);
-    EXPECT_TRUE(IsSentinel(instances));
 
     // Initialize again replaces the connection.
     CCBstr bstrNamespace(kEventNamespace);
+    CCVariant instances;
+    ULONG ulReturn = kSentinel;
     ASSERT_EQ(pHandler->Initialize(bstrNamespace.Get(), &ulReturn), S_OK);
     EXPECT_EQ(pHandler->GetInstances(59, instances.Ptr(), &ulReturn), S_OK);
     EXPECT_EQ(Elements(instances).size(), 1u);
@@ -293,15 +291,8 @@ TEST_F(HandlerTest, MissingEventClassFailsWithTheStoresAnswer)
 class Unrelated { [key] string Name; };
 )");
     // What the store answers for the class, asked directly.
-    ComPtr<IWbemLocator> pLocator;
-    ASSERT_EQ(CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemLocator,
-                               reinterpret_cast<void**>(pLocator.GetAddressOf())),
-              S_OK);
-    ComPtr<IWbemServices> pServices;
-    CCBstr bstrNamespace(L"root\\oxl1v2\\Elsewhere");
-    ASSERT_EQ(pLocator->ConnectServer(bstrNamespace.Get(), nullptr, nullptr, nullptr, 0, nullptr, nullptr,
-                                      pServices.GetAddressOf()),
-              S_OK);
+    ComPtr<IWbemServices> pServices = Connect(L"root\\oxl1v2\\Elsewhere");
+    ASSERT_TRUE(pServices);
     ComPtr<IWbemClassObject> pClass;
     CCBstr bstrClass(L"KM_Notifications");
     const HRESULT hrStore = pServices->GetObject(bstrClass.Get(), 0, nullptr, pClass.GetAddressOf(), nullptr);
@@ -309,38 +300,24 @@ class Unrelated { [key] string Name; };
 
     ComPtr<INotifications> pHandler = InitializedHandler(L"root\\oxl1v2\\Elsewhere");
     ASSERT_TRUE(pHandler);
-    CCVariant instances;
-    SetSentinel(instances);
-    ULONG ulReturn = kSentinel;
-    EXPECT_EQ(pHandler->GetInstances(59, instances.Ptr(), &ulReturn), hrStore);
-    EXPECT_EQ(ulReturn, 59u);
-    EXPECT_TRUE(IsSentinel(instances));
+    EXPECT_EQ(FailedRequest(pHandler.Get(), 59, 59, "no class"), hrStore);
 }
 
 TEST_F(HandlerTest, FailingStoreCallsGiveTheStoresHresult)
 {
-    struct Row {
+    const struct {
         const wchar_t* wszMethod;
         const wchar_t* wszTarget;
-    };
-    const Row rows[] = {
-        {L"GetObject", L"KM_Notifications"},
-        {L"Put", L"DeviceId"},
-        {L"Put", L"EventType"},
-        {L"Put", L"EventTime"},
-        {L"Put", L"UUID"},
+    } rows[] = {
+        {L"GetObject", L"KM_Notifications"}, {L"Put", L"DeviceId"}, {L"Put", L"EventType"},
+        {L"Put", L"EventTime"},              {L"Put", L"UUID"},
     };
     ComPtr<INotifications> pHandler = InitializedHandler();
     ASSERT_TRUE(pHandler);
-    const HRESULT hrFault = WBEM_E_PROVIDER_FAILURE;
-    for (const Row& row : rows) {
-        ASSERT_EQ(CimStoreInjectFault(row.wszMethod, row.wszTarget, 0, hrFault), S_OK);
-        CCVariant instances;
-        SetSentinel(instances);
-        ULONG ulReturn = kSentinel;
-        EXPECT_EQ(pHandler->GetInstances(59, instances.Ptr(), &ulReturn), hrFault) << Narrow(row.wszTarget);
-        EXPECT_EQ(ulReturn, 59u) << Narrow(row.wszTarget);
-        EXPECT_TRUE(IsSentinel(instances)) << Narrow(row.wszTarget);
+    for (const auto& row : rows) {
+        ASSERT_EQ(CimStoreInjectFault(row.wszMethod, row.wszTarget, 0, WBEM_E_PROVIDER_FAILURE), S_OK);
+        EXPECT_EQ(FailedRequest(pHandler.Get(), 59, 59, Narrow(row.wszTarget)), WBEM_E_PROVIDER_FAILURE)
+            << Narrow(row.wszTarget);
         CimStoreClearFaults();
     }
 }
@@ -358,17 +335,14 @@ TEST_F(HandlerTest, ComponentInitializeAnswersSOkEitherWayAndTheIdentityReachesT
 
     ComPtr<INotifications> pHandler = NewHandler();
     ASSERT_TRUE(pHandler);
-    struct Row {
-        const wchar_t* wszFeature;
-        VARIANT_BOOL expected;
-    };
-    for (const Row& row : {Row{L"Unknown", VARIANT_FALSE}, Row{L"Notify", VARIANT_TRUE}}) {
-        CCBstr bstrFeature(row.wszFeature);
-        CCBstr bstrVersion(L"2.5");
-        CCBstr bstrContext(L"Agent");
+    CCBstr bstrVersion(L"2.5");
+    CCBstr bstrContext(L"Agent");
+    for (const auto& [wszFeature, expected] :
+         {std::pair{L"Unknown", VARIANT_FALSE}, std::pair{L"Notify", VARIANT_TRUE}}) {
+        CCBstr bstrFeature(wszFeature);
         VARIANT_BOOL bResult = 0x1234;
         EXPECT_EQ(pHandler->ComponentInitialize(bstrFeature.Get(), bstrVersion.Get(), bstrContext.Get(), &bResult), S_OK);
-        EXPECT_EQ(bResult, row.expected) << Narrow(row.wszFeature);
+        EXPECT_EQ(bResult, expected) << Narrow(wszFeature);
     }
 
     CCBstr bstrNamespace(kEventNamespace);
@@ -378,17 +352,12 @@ TEST_F(HandlerTest, ComponentInitializeAnswersSOkEitherWayAndTheIdentityReachesT
     CCVariant instances;
     ASSERT_EQ(pHandler->GetInstances(59, instances.Ptr(), &ulReturn), S_OK);
     ASSERT_GT(CimStoreContextRecordCount(), 0);
-    struct Expected {
-        const wchar_t* wszName;
-        const wchar_t* wszValue;
-    };
-    for (const Expected& expected : {Expected{L"FeatureName", L"Notify"}, Expected{L"FeatureVersion", L"2.5"},
-                                     Expected{L"ContextName", L"Agent"}}) {
+    for (const auto& [wszName, wszExpected] : {std::pair{L"FeatureName", L"Notify"}, std::pair{L"FeatureVersion", L"2.5"},
+                                               std::pair{L"ContextName", L"Agent"}}) {
         wchar_t wszMethod[64] = {};
         wchar_t wszValue[64] = {};
-        ASSERT_EQ(CimStoreGetContextRecord(0, expected.wszName, wszMethod, 64, wszValue, 64), S_OK)
-            << Narrow(expected.wszName);
-        EXPECT_STREQ(wszValue, expected.wszValue);
+        ASSERT_EQ(CimStoreGetContextRecord(0, wszName, wszMethod, 64, wszValue, 64), S_OK) << Narrow(wszName);
+        EXPECT_STREQ(wszValue, wszExpected);
     }
 }
 
@@ -396,9 +365,7 @@ TEST_F(HandlerTest, ModuleCanUnloadOnlyWhenEveryObjectIsReleased)
 {
     EXPECT_EQ(m_pModule->CanUnloadNow(), S_OK);
     ComPtr<IClassFactory> pFactory;
-    ASSERT_EQ(m_pModule->GetClassObject(CLSID_NotificationHandler, IID_IClassFactory,
-                                        reinterpret_cast<void**>(pFactory.GetAddressOf())),
-              S_OK);
+    ASSERT_EQ(GetFactory(pFactory), S_OK);
     EXPECT_EQ(m_pModule->CanUnloadNow(), S_FALSE) << "factory held";
     ComPtr<INotifications> pFirst;
     ComPtr<IDispatch> pSecond;
@@ -411,9 +378,7 @@ TEST_F(HandlerTest, ModuleCanUnloadOnlyWhenEveryObjectIsReleased)
     EXPECT_EQ(m_pModule->CanUnloadNow(), S_FALSE) << "one handler and a lock";
     pSecond.Reset();
     EXPECT_EQ(m_pModule->CanUnloadNow(), S_FALSE) << "a lock";
-    ASSERT_EQ(m_pModule->GetClassObject(CLSID_NotificationHandler, IID_IClassFactory,
-                                        reinterpret_cast<void**>(pFactory.GetAddressOf())),
-              S_OK);
+    ASSERT_EQ(GetFactory(pFactory), S_OK);
     EXPECT_EQ(pFactory->LockServer(FALSE), S_OK);
     pFactory.Reset();
     EXPECT_EQ(m_pModule->CanUnloadNow(), S_OK);
@@ -428,9 +393,7 @@ TEST_F(HandlerTest, ClassObjectsAnswerAsComAsks)
     EXPECT_FALSE(pUnknown);
     EXPECT_EQ(m_pModule->GetClassObject(CLSID_NotificationHandler, IID_IClassFactory, nullptr), E_POINTER);
     ComPtr<IClassFactory> pFactory;
-    ASSERT_EQ(m_pModule->GetClassObject(CLSID_NotificationHandler, IID_IClassFactory,
-                                        reinterpret_cast<void**>(pFactory.GetAddressOf())),
-              S_OK);
+    ASSERT_EQ(GetFactory(pFactory), S_OK);
     EXPECT_EQ(pFactory->CreateInstance(pFactory.Get(), IID_IUnknown, reinterpret_cast<void**>(pUnknown.GetAddressOf())),
               CLASS_E_NOAGGREGATION);
     EXPECT_EQ(pFactory->CreateInstance(nullptr, IID_IClassFactory, reinterpret_cast<void**>(pUnknown.GetAddressOf())),

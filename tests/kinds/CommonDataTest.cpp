@@ -73,8 +73,9 @@ protected:
         ASSERT_EQ(kind.Access().SetProperty("DeviceId", deviceId.Ptr()), S_OK);
     }
 
-    // EventTime of one event made now; the local time before and after it brackets the stamp.
-    std::string MakeEventTime(std::string* psBefore = nullptr, std::string* psAfter = nullptr)
+    // Makes one event now: its EventTime is "yyyyMMddHHmmss.000000" with the local time (bracketed by
+    // the local time before and after), then the zone offset.
+    void ExpectEventTime(const std::string& sOffset)
     {
         CNotfyTestKind kind;
         NewEvent(kind);
@@ -83,26 +84,25 @@ protected:
         GetLocalTime(&before);
         EXPECT_EQ(kind.SetCommonData(), S_OK);
         GetLocalTime(&after);
-        if (psBefore)
-            *psBefore = Stamp(before);
-        if (psAfter)
-            *psAfter = Stamp(after);
-        const std::wstring ws = GetText(kind.Access(), L"EventTime");
-        return Narrow(ws);
+        const std::string sTime = Narrow(GetText(kind.Access(), L"EventTime"));
+        ASSERT_EQ(sTime.size(), 25u) << sTime;
+        const std::string sStamp = sTime.substr(0, 14);
+        EXPECT_TRUE(sStamp == Stamp(before) || sStamp == Stamp(after))
+            << sTime << " not between " << Stamp(before) << " and " << Stamp(after);
+        EXPECT_EQ(sTime.substr(14, 7), ".000000") << sTime;
+        EXPECT_EQ(sTime.substr(21), sOffset) << sTime;
     }
-};
-
-struct ZoneCase {
-    DWORD dwAnswer;
-    LONG lBias;
-    LONG lStandardBias;
-    LONG lDaylightBias;
-    const char* szSuffix;
 };
 
 TEST_F(CommonDataTest, EventTimeCarriesTheOffsetOfTheZoneAnswer)
 {
-    const ZoneCase cases[] = {
+    const struct {
+        DWORD dwAnswer;
+        LONG lBias;
+        LONG lStandardBias;
+        LONG lDaylightBias;
+        const char* szSuffix;
+    } cases[] = {
         {TIME_ZONE_ID_STANDARD, 300, 0, -60, "-300"},    // New York in winter
         {TIME_ZONE_ID_DAYLIGHT, 300, 0, -60, "-240"},    // New York in summer
         {TIME_ZONE_ID_STANDARD, -60, 0, -60, "+060"},    // Berlin in winter
@@ -115,20 +115,15 @@ TEST_F(CommonDataTest, EventTimeCarriesTheOffsetOfTheZoneAnswer)
     };
     PlatformOverride platform;
     (*platform).pfnGetTimeZoneInformation = FakeTimeZone;
-    for (const ZoneCase& c : cases) {
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "answer " << c.dwAnswer << " bias " << c.lBias << "/" << c.lStandardBias
+                                        << "/" << c.lDaylightBias);
         g_dwZoneAnswer = c.dwAnswer;
         g_zone = {};
         g_zone.Bias = c.lBias;
         g_zone.StandardBias = c.lStandardBias;
         g_zone.DaylightBias = c.lDaylightBias;
-        std::string sBefore;
-        std::string sAfter;
-        const std::string sTime = MakeEventTime(&sBefore, &sAfter);
-        ASSERT_EQ(sTime.size(), 25u) << sTime;
-        const std::string sStamp = sTime.substr(0, 14);
-        EXPECT_TRUE(sStamp == sBefore || sStamp == sAfter) << sTime << " not between " << sBefore << " and " << sAfter;
-        EXPECT_EQ(sTime.substr(14, 7), ".000000");
-        EXPECT_EQ(sTime.substr(21), c.szSuffix) << "answer " << c.dwAnswer << " bias " << c.lBias;
+        ExpectEventTime(c.szSuffix);
     }
 }
 
@@ -140,13 +135,9 @@ TEST_F(CommonDataTest, EventTimeUsesTheSystemZoneByDefault)
     const DWORD dwAnswer = GetTimeZoneInformation(&tzi);
     char szExpected[16] = {};
     snprintf(szExpected, sizeof(szExpected), "%+.3ld", EventTimeOffset(dwAnswer, tzi));
-    std::string sBefore;
-    std::string sAfter;
-    const std::string sTime = MakeEventTime(&sBefore, &sAfter);
-    ASSERT_EQ(sTime.size(), 25u) << sTime;
-    EXPECT_TRUE(sTime.substr(0, 14) == sBefore || sTime.substr(0, 14) == sAfter) << sTime;
-    EXPECT_EQ(sTime.substr(21), szExpected) << "answer " << dwAnswer << ", bias " << tzi.Bias << "/"
-                                            << tzi.StandardBias << "/" << tzi.DaylightBias;
+    SCOPED_TRACE(testing::Message() << "answer " << dwAnswer << ", bias " << tzi.Bias << "/" << tzi.StandardBias
+                                    << "/" << tzi.DaylightBias);
+    ExpectEventTime(szExpected);
 }
 
 TEST_F(CommonDataTest, MachineIdentityIsWritten)
@@ -230,9 +221,7 @@ TEST_F(CommonDataTest, NameThatDoesNotResolveFailsTheEvent)
     unsigned long ulCount = 0xdeadbeef;
     EXPECT_EQ(kind.GetInstances(nullptr, &ulCount), S_OK);
     EXPECT_EQ(ulCount, 0u);
-    ASSERT_EQ(kind.m_itemResults.size(), 2u);
-    EXPECT_EQ(kind.m_itemResults[0], E_FAIL);
-    EXPECT_EQ(kind.m_itemResults[1], E_FAIL);
+    EXPECT_EQ(kind.m_itemResults, (std::vector<HRESULT>{E_FAIL, E_FAIL}));
     EXPECT_TRUE(GlobalTraceLog::Get().Contains(uMark, "Error calling gethostbyname"));
     EXPECT_TRUE(GlobalTraceLog::Get().Contains(uMark, "Raising exception because CompleteInstance failed"));
 }
@@ -247,10 +236,9 @@ TEST_F(CommonDataTest, UnreadableDnsNameFailsAfterTheMachineName)
     EXPECT_EQ(kind.SetCommonData(), static_cast<HRESULT>(WBEM_E_UNEXPECTED));
     IWbemClassObject* pEvent = kind.Access();
     EXPECT_NE(GetText(pEvent, L"MachineName"), L"<none>");
-    EXPECT_EQ(GetText(pEvent, L"DNSName"), L"<none>");
-    // The later steps do not run.
-    EXPECT_EQ(GetText(pEvent, L"UUID"), L"<none>");
-    EXPECT_EQ(GetText(pEvent, L"IPAddresse"), L"<none>");
+    // Neither DNSName nor the later steps are written.
+    for (const wchar_t* wszName : {L"DNSName", L"UUID", L"IPAddresse"})
+        EXPECT_EQ(GetText(pEvent, wszName), L"<none>") << Narrow(wszName);
     EXPECT_TRUE(GlobalTraceLog::Get().Contains(uMark, "Error getting DNS Name", "GetLastError: 5"));
 }
 
@@ -289,12 +277,10 @@ TEST_F(CommonDataTest, ConcurrentEventsAllGetAnAddress)
     }
     for (std::thread& thread : threads)
         thread.join();
+    ASSERT_FALSE(addresses[0].empty());
     for (int t = 0; t < kThreads; ++t) {
-        ASSERT_EQ(results[t].size(), static_cast<size_t>(kEvents));
-        for (int i = 0; i < kEvents; ++i) {
-            EXPECT_EQ(results[t][i], S_OK) << "thread " << t << " event " << i;
-            EXPECT_EQ(addresses[t][i], addresses[0][0]) << "thread " << t << " event " << i;
-        }
+        EXPECT_EQ(results[t], std::vector<HRESULT>(kEvents, S_OK)) << "thread " << t;
+        EXPECT_EQ(addresses[t], std::vector<std::wstring>(kEvents, addresses[0][0])) << "thread " << t;
     }
 }
 

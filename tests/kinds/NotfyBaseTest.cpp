@@ -12,7 +12,20 @@ using Microsoft::WRL::ComPtr;
 
 namespace {
 
-using NotfyBaseTest = KindTest;
+class NotfyBaseTest : public KindTest {
+protected:
+    // Makes a new event instance the kind's current one, keyed by lDeviceId.
+    void NewEvent(CNotfyTestKind& kind, LONG lDeviceId)
+    {
+        ASSERT_EQ(kind.Access().NewInstance("KM_TestKind_Static"), S_OK);
+        CCVariant deviceId;
+        V_VT(deviceId.Ptr()) = VT_I4;
+        V_I4(deviceId.Ptr()) = lDeviceId;
+        ASSERT_EQ(kind.Access().SetProperty("DeviceId", deviceId.Ptr()), S_OK);
+    }
+    void LoadStored() { ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\test_kind_stored.mof")); }
+    bool Traced(size_t uMark, const char* szMessage) { return GlobalTraceLog::Get().Contains(uMark, szMessage); }
+};
 
 // Releases what GetInstances handed out.
 struct InstanceArray {
@@ -50,12 +63,13 @@ TEST_F(NotfyBaseTest, InitPassesTheFeatureContextToTheStore)
     unsigned long ulCount = 0;
     ASSERT_EQ(kind.GetInstances(nullptr, &ulCount), S_OK);
     ASSERT_GT(CimStoreContextRecordCount(), 0);
-    wchar_t wszMethod[64] = {};
-    wchar_t wszValue[64] = {};
-    ASSERT_EQ(CimStoreGetContextRecord(0, L"FeatureName", wszMethod, 64, wszValue, 64), S_OK);
-    EXPECT_STREQ(wszValue, L"TestFeature");
-    ASSERT_EQ(CimStoreGetContextRecord(0, L"ContextName", wszMethod, 64, wszValue, 64), S_OK);
-    EXPECT_STREQ(wszValue, L"TestContext");
+    for (const auto& [wszName, wszExpected] :
+         {std::pair{L"FeatureName", L"TestFeature"}, std::pair{L"ContextName", L"TestContext"}}) {
+        wchar_t wszMethod[64] = {};
+        wchar_t wszValue[64] = {};
+        ASSERT_EQ(CimStoreGetContextRecord(0, wszName, wszMethod, 64, wszValue, 64), S_OK);
+        EXPECT_STREQ(wszValue, wszExpected);
+    }
 }
 
 TEST_F(NotfyBaseTest, NullCountPointerDoesNotRetrieve)
@@ -94,7 +108,7 @@ TEST_F(NotfyBaseTest, SecondCallIsServedFromTheCacheWithOneMoreReference)
     unsigned long ulSecond = 0xdeadbeef;
     EXPECT_EQ(kind.GetInstances(first.pointers.data(), &ulSecond), NOTFY_S_UNCHANGED);
     EXPECT_EQ(ulSecond, 3u);
-    EXPECT_TRUE(GlobalTraceLog::Get().Contains(uMark, "Data already retrieved, taking cached data."));
+    EXPECT_TRUE(Traced(uMark, "Data already retrieved, taking cached data."));
 
     InstanceArray second(ulCount);
     std::vector<ULONG> before;
@@ -106,9 +120,6 @@ TEST_F(NotfyBaseTest, SecondCallIsServedFromTheCacheWithOneMoreReference)
         EXPECT_EQ(second.pointers[i], first.pointers[i]) << "entry " << i;
         EXPECT_EQ(RefCount(first.pointers[i]), before[i] + 1) << "entry " << i;
     }
-    // The list keeps the order in which the kind added the instances.
-    for (size_t i = 0; i < ulCount; ++i)
-        EXPECT_EQ(GetI4(first.pointers[i], L"DeviceId"), kind.m_items[i].lDeviceId) << "entry " << i;
 }
 
 TEST_F(NotfyBaseTest, HandedOutInstancesOutliveTheKind)
@@ -164,6 +175,7 @@ TEST_F(NotfyBaseTest, AddToListWithoutCurrentObjectAddsNothing)
     EXPECT_EQ(ulCount, 0u);
 }
 
+// Beyond the list's first block, and in the order in which the kind added the instances.
 TEST_F(NotfyBaseTest, ListGrowsBeyondItsFirstBlock)
 {
     CNotfyTestKind kind;
@@ -179,20 +191,17 @@ TEST_F(NotfyBaseTest, ListGrowsBeyondItsFirstBlock)
         EXPECT_EQ(GetI4(array.pointers[i], L"DeviceId"), static_cast<LONG>(i + 1));
 }
 
-// SetEventType: the stored status against the new one.
-struct EventTypeCase {
-    LONG lDeviceId;           // stored instance to compare with (see the fixture)
-    unsigned long ulStatus;   // the new status
-    LONG lExpectedType;       // -1: EventType stays unset
-    HRESULT hrExpected;
-};
-
 TEST_F(NotfyBaseTest, SetEventTypeComparesWithTheStoredInstance)
 {
-    ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\test_kind_stored.mof"));
+    ASSERT_NO_FATAL_FAILURE(LoadStored());
     LoadMof(L"instance of KM_TestKind_Static { DeviceId = 6; EventStatus = 4294967295; };",
             L"root\\oxl1v2\\KM_Notification");
-    const EventTypeCase cases[] = {
+    const struct {
+        LONG lDeviceId;          // stored instance to compare with (see the fixture)
+        unsigned long ulStatus;  // the new status
+        LONG lExpectedType;      // -1: EventType stays unset
+        HRESULT hrExpected;
+    } cases[] = {
         {1, 1, 3, NOTFY_S_UNCHANGED},  // stored 1
         {1, 2, 1, S_OK},
         {1, 3, 1, S_OK},
@@ -210,72 +219,71 @@ TEST_F(NotfyBaseTest, SetEventTypeComparesWithTheStoredInstance)
     };
     CNotfyTestKind kind;
     ASSERT_EQ(InitKind(kind), S_OK);
-    for (const EventTypeCase& c : cases) {
-        ASSERT_EQ(kind.Access().NewInstance("KM_TestKind_Static"), S_OK);
-        CCVariant deviceId;
-        V_VT(deviceId.Ptr()) = VT_I4;
-        V_I4(deviceId.Ptr()) = c.lDeviceId;
-        ASSERT_EQ(kind.Access().SetProperty("DeviceId", deviceId.Ptr()), S_OK);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "device " << c.lDeviceId << " status " << c.ulStatus);
+        ASSERT_NO_FATAL_FAILURE(NewEvent(kind, c.lDeviceId));
         const size_t uMark = GlobalTraceLog::Get().Mark();
-        EXPECT_EQ(kind.SetEventType(c.ulStatus), c.hrExpected) << "device " << c.lDeviceId << " status " << c.ulStatus;
+        EXPECT_EQ(kind.SetEventType(c.ulStatus), c.hrExpected);
         VARTYPE vt = VT_EMPTY;
         const LONG lType = GetI4(kind.Access(), L"EventType", &vt);
         if (c.lExpectedType < 0)
-            EXPECT_EQ(vt, VT_NULL) << "device " << c.lDeviceId << " status " << c.ulStatus;
+            EXPECT_EQ(vt, VT_NULL);
         else
-            EXPECT_EQ(lType, c.lExpectedType) << "device " << c.lDeviceId << " status " << c.ulStatus;
-        EXPECT_EQ(GlobalTraceLog::Get().Contains(uMark, "This instance has already been set. "),
-                  c.hrExpected == NOTFY_S_UNCHANGED)
-            << "device " << c.lDeviceId << " status " << c.ulStatus;
+            EXPECT_EQ(lType, c.lExpectedType);
+        EXPECT_EQ(Traced(uMark, "This instance has already been set. "), c.hrExpected == NOTFY_S_UNCHANGED);
     }
 }
 
 TEST_F(NotfyBaseTest, SetEventTypeReportsAnUnexpectedLookupFailure)
 {
-    ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\test_kind_stored.mof"));
+    ASSERT_NO_FATAL_FAILURE(LoadStored());
     CNotfyTestKind kind;
     ASSERT_EQ(InitKind(kind), S_OK);
-    ASSERT_EQ(kind.Access().NewInstance("KM_TestKind_Static"), S_OK);
-    CCVariant deviceId;
-    V_VT(deviceId.Ptr()) = VT_I4;
-    V_I4(deviceId.Ptr()) = 1;
-    ASSERT_EQ(kind.Access().SetProperty("DeviceId", deviceId.Ptr()), S_OK);
+    ASSERT_NO_FATAL_FAILURE(NewEvent(kind, 1));
     ASSERT_EQ(CimStoreInjectFault(L"GetObject", L"KM_TestKind_Static", 0, WBEM_E_ACCESS_DENIED), S_OK);
     const size_t uMark = GlobalTraceLog::Get().Mark();
     EXPECT_EQ(kind.SetEventType(3), static_cast<HRESULT>(WBEM_E_ACCESS_DENIED));
     VARTYPE vt = VT_EMPTY;
     GetI4(kind.Access(), L"EventType", &vt);
     EXPECT_EQ(vt, VT_NULL);
-    EXPECT_TRUE(GlobalTraceLog::Get().Contains(uMark, "GetOldObject returned an unexpected WMI HRESULT"));
+    EXPECT_TRUE(Traced(uMark, "GetOldObject returned an unexpected WMI HRESULT"));
 }
 
-TEST_F(NotfyBaseTest, ObsoleteScanDeletesVanishedObjectsAndSkipsUnusablePaths)
+TEST_F(NotfyBaseTest, ObsoleteScanDeletesWhatIsObsolete)
 {
-    ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\test_kind_stored.mof"));
-    CNotfyTestKind kind;
-    ASSERT_EQ(InitKind(kind), S_OK);
-    const size_t uMark = GlobalTraceLog::Get().Mark();
-    EXPECT_EQ(kind.DeleteObsoleteInstances(), S_OK);
-    // 2 and 4 refer to vanished objects; 3 has no Object and is skipped, not deleted.
-    EXPECT_EQ(StoredDeviceIds(), (std::set<LONG>{1, 3, 5}));
-    EXPECT_EQ(kind.GetObsoleteCount(), 0u);
-    EXPECT_TRUE(GlobalTraceLog::Get().Contains(
-        uMark, "Raising exception because Could not get the Path of the referenced object."));
-}
-
-TEST_F(NotfyBaseTest, KindDecidesAboutInstancesWhoseObjectStillExists)
-{
-    ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\test_kind_stored.mof"));
-    CNotfyTestKind kind;
-    kind.m_obsoleteIds = {5, 3};  // 3 is never asked: it has no usable Object
-    ASSERT_EQ(InitKind(kind), S_OK);
-    EXPECT_EQ(kind.DeleteObsoleteInstances(), S_OK);
-    EXPECT_EQ(StoredDeviceIds(), (std::set<LONG>{1, 3}));
+    const struct {
+        const char* szWhat;
+        std::set<LONG> obsoleteIds;  // the kind's own answer for objects that still exist
+        const char* szReferencedNamespace;  // nullptr: the kind's default
+        std::set<LONG> remaining;
+        const char* szTraced;  // nullptr: nothing in particular
+    } cases[] = {
+        // 2 and 4 refer to vanished objects; 3 has no Object and is skipped, not deleted.
+        {"vanished objects", {}, nullptr, {1, 3, 5},
+         "Raising exception because Could not get the Path of the referenced object."},
+        // 3 is never asked: it has no usable Object.
+        {"the kind decides about existing objects", {5, 3}, nullptr, {1, 3}, nullptr},
+        {"empty referenced namespace disables the scan", {}, "", {1, 2, 3, 4, 5}, "No instances to delete. "},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.szWhat);
+        ASSERT_NO_FATAL_FAILURE(LoadStored());
+        CNotfyTestKind kind;
+        kind.m_obsoleteIds = c.obsoleteIds;
+        if (c.szReferencedNamespace)
+            kind.SetReferencedNamespace(c.szReferencedNamespace);
+        ASSERT_EQ(InitKind(kind), S_OK);
+        const size_t uMark = GlobalTraceLog::Get().Mark();
+        EXPECT_EQ(kind.DeleteObsoleteInstances(), S_OK);
+        EXPECT_EQ(StoredDeviceIds(), c.remaining);
+        EXPECT_EQ(kind.GetObsoleteCount(), 0u);
+        EXPECT_TRUE(!c.szTraced || Traced(uMark, c.szTraced)) << "no trace line '" << c.szTraced << "'";
+    }
 }
 
 TEST_F(NotfyBaseTest, FailedDeletionDoesNotStopTheOthers)
 {
-    ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\test_kind_stored.mof"));
+    ASSERT_NO_FATAL_FAILURE(LoadStored());
     CNotfyTestKind kind;
     kind.m_obsoleteIds = {1, 5};
     ASSERT_EQ(InitKind(kind), S_OK);
@@ -284,7 +292,7 @@ TEST_F(NotfyBaseTest, FailedDeletionDoesNotStopTheOthers)
     ASSERT_EQ(CimStoreInjectFault(L"DeleteInstance", L"KM_TestKind_Static", 2, WBEM_E_ACCESS_DENIED), S_OK);
     const size_t uMark = GlobalTraceLog::Get().Mark();
     EXPECT_EQ(kind.DeleteObsoleteInstances(), S_OK);
-    EXPECT_TRUE(GlobalTraceLog::Get().Contains(uMark, "Delete Instance failed!"));
+    EXPECT_TRUE(Traced(uMark, "Delete Instance failed!"));
     EXPECT_EQ(StoredDeviceIds().size(), 2u);  // 3 (no Object) and the one whose deletion failed
     EXPECT_EQ(StoredDeviceIds().count(3), 1u);
     EXPECT_EQ(kind.GetObsoleteCount(), 0u);
@@ -296,24 +304,12 @@ TEST_F(NotfyBaseTest, EmptyObsoleteListIsNothingToDo)
     ASSERT_EQ(InitKind(kind), S_OK);
     const size_t uMark = GlobalTraceLog::Get().Mark();
     EXPECT_EQ(kind.DeleteInstancesInList(), S_OK);
-    EXPECT_TRUE(GlobalTraceLog::Get().Contains(uMark, "List of obsolete instances empty. Nothing to do."));
-}
-
-TEST_F(NotfyBaseTest, EmptyReferencedNamespaceDisablesTheScan)
-{
-    ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\test_kind_stored.mof"));
-    CNotfyTestKind kind;
-    kind.SetReferencedNamespace("");
-    ASSERT_EQ(InitKind(kind), S_OK);
-    const size_t uMark = GlobalTraceLog::Get().Mark();
-    EXPECT_EQ(kind.DeleteObsoleteInstances(), S_OK);
-    EXPECT_EQ(StoredDeviceIds(), (std::set<LONG>{1, 2, 3, 4, 5}));
-    EXPECT_TRUE(GlobalTraceLog::Get().Contains(uMark, "No instances to delete. "));
+    EXPECT_TRUE(Traced(uMark, "List of obsolete instances empty. Nothing to do."));
 }
 
 TEST_F(NotfyBaseTest, ScanEndsWhenTheReferencedNamespaceCannotBeOpened)
 {
-    ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\test_kind_stored.mof"));
+    ASSERT_NO_FATAL_FAILURE(LoadStored());
     CNotfyTestKind kind;
     ASSERT_EQ(InitKind(kind), S_OK);
     ASSERT_EQ(CimStoreInjectFault(L"ConnectServer", L"root\\oxl1v2\\KM_TestLive", 0, WBEM_E_ACCESS_DENIED), S_OK);
@@ -326,15 +322,14 @@ TEST_F(NotfyBaseTest, ScanEndsWhenTheReferencedNamespaceCannotBeOpened)
 
 TEST_F(NotfyBaseTest, ScanEndsOnAnUnexpectedLookupFailure)
 {
-    ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\test_kind_stored.mof"));
+    ASSERT_NO_FATAL_FAILURE(LoadStored());
     CNotfyTestKind kind;
     ASSERT_EQ(InitKind(kind), S_OK);
     ASSERT_EQ(CimStoreInjectFault(L"GetObject", L"Test_Live", 2, WBEM_E_ACCESS_DENIED), S_OK);
     const size_t uMark = GlobalTraceLog::Get().Mark();
     EXPECT_EQ(kind.GetObsoleteInstances(), static_cast<HRESULT>(WBEM_E_ACCESS_DENIED));
-    EXPECT_TRUE(GlobalTraceLog::Get().Contains(
-        uMark,
-        "Raising exception because an error occured (not WBEM_E_NOT_FOUND) when accessing the reference object."));
+    EXPECT_TRUE(Traced(uMark, "Raising exception because an error occured (not WBEM_E_NOT_FOUND) when accessing "
+                              "the reference object."));
 }
 
 }  // namespace

@@ -32,27 +32,19 @@ using Rows = std::vector<std::vector<std::string>>;
 
 // One table with one feature "Feat" 1.0, context "Ctx" and this program as identity.
 std::string Table(const std::string& sDependencies, const std::string& sIdentityVersion = "*",
-                  const std::string& sFeatureAttributes = "")
+                  const std::string& sFeatureAttributes = "", const std::string& sIdentityName = kModuleFile)
 {
-    return "<?xml version=\"1.0\"?>\n"
-           "<features>\n"
+    return "<?xml version=\"1.0\"?>\n<features>\n"
            "  <feature name=\"Other\" version=\"1.0\" rootFolder=\"X:\\wrong\">\n"
            "    <context name=\"Ctx\"><assemblyIdentity name=\"unit_tests.exe\" version=\"*\"/></context>\n"
            "  </feature>\n"
-           "  <feature name=\"Feat\" version=\"1.0\"" +
-           sFeatureAttributes +
-           ">\n"
+           "  <feature name=\"Feat\" version=\"1.0\"" + sFeatureAttributes + ">\n"
            "    <context name=\"Ctx\">\n"
-           "      <assemblyIdentity name=\"unit_tests.exe\" version=\"" +
-           sIdentityVersion +
-           "\">\n"
-           "        <dependencies>\n" +
-           sDependencies +
-           "        </dependencies>\n"
+           "      <assemblyIdentity name=\"" + sIdentityName + "\" version=\"" + sIdentityVersion + "\">\n"
+           "        <dependencies>\n" + sDependencies + "        </dependencies>\n"
            "      </assemblyIdentity>\n"
            "    </context>\n"
-           "  </feature>\n"
-           "</features>\n";
+           "  </feature>\n</features>\n";
 }
 
 struct ParserReport {
@@ -95,7 +87,7 @@ class AssemblyTest : public testing::Test {
 protected:
     void SetUp() override
     {
-        m_uMark = GlobalTraceLog::Get().Mark();
+        Mark();
         ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)));
         m_common.Set("DependencyTables", Narrow(m_dir.Path()));
         m_common.Set("ComponentRoot", "C:\\Components");
@@ -103,6 +95,7 @@ protected:
     void TearDown() override
     {
         SetEnvironmentVariableA("MORADEL_TEST_DIR", nullptr);
+        SetEnvironmentVariableA("MORADEL_LONG", nullptr);
         CoUninitialize();
     }
 
@@ -112,15 +105,27 @@ protected:
         file << sContent;
     }
     void WriteTable(const std::string& sContent) { WriteFile("Feat_1.0.xml", sContent); }
+    void Mark() { m_uMark = GlobalTraceLog::Get().Mark(); }
 
     Rows Lines() const { return GlobalTraceLog::Get().LinesSince(m_uMark); }
-    // The first line written since SetUp with this message, or nullptr.
+    // The first line written since the mark with this message, or nullptr.
     std::optional<std::vector<std::string>> Find(const std::string& sMessage) const
     {
         for (const auto& fields : Lines())
             if (fields.size() >= 9 && fields[7] == sMessage)
                 return fields;
         return std::nullopt;
+    }
+    // Like Find, but the line must exist and have this level; nine empty fields when it is missing.
+    std::vector<std::string> Expect(const std::string& sMessage, const char* szLevel = "Error") const
+    {
+        const auto line = Find(sMessage);
+        if (!line) {
+            ADD_FAILURE() << "no trace line '" << sMessage << "'";
+            return std::vector<std::string>(9);
+        }
+        EXPECT_EQ((*line)[3], szLevel) << sMessage;
+        return *line;
     }
     size_t Count(const std::string& sMessage) const
     {
@@ -152,167 +157,168 @@ TEST_F(AssemblyTest, IdentifiesTheModuleFromItsFileAndVersionResource)
     EXPECT_TRUE(assembly.IsInitialized());
 }
 
-struct VersionCase {
-    const char* szIdentityVersion;
-    bool bMatches;
-};
-
-TEST_F(AssemblyTest, IdentityVersionMustBeExactOrStar)
+// The identity node must match feature, version, context and module name exactly; its version may be "*".
+TEST_F(AssemblyTest, IdentityNodeMustMatchExactly)
 {
-    const VersionCase aCases[] = {
-        {"*", true},          {"2.07.1.5 (test)", true}, {"2.07.1.5", false},
-        {"2.07.1.5 (TEST)", false}, {"", false},       {"**", false},
+    const struct {
+        const char* szWhat;
+        const char* szVersion;  // the caller's feature version, which also names the file
+        const char* szContext;
+        const char* szIdentityName;
+        const char* szIdentityVersion;
+        bool bMatches;
+    } aCases[] = {
+        {"star version", "1.0", "Ctx", kModuleFile, "*", true},
+        {"exact version", "1.0", "Ctx", kModuleFile, "2.07.1.5 (test)", true},
+        {"version without suffix", "1.0", "Ctx", kModuleFile, "2.07.1.5", false},
+        {"version differs in case", "1.0", "Ctx", kModuleFile, "2.07.1.5 (TEST)", false},
+        {"empty version", "1.0", "Ctx", kModuleFile, "", false},
+        {"double star", "1.0", "Ctx", kModuleFile, "**", false},
+        {"context differs", "1.0", "Other", kModuleFile, "*", false},
+        {"context differs in case", "1.0", "ctx", kModuleFile, "*", false},
+        {"identity names another module", "1.0", "Ctx", "Moradel.dll", "*", false},
+        {"identity name differs in case", "1.0", "Ctx", "Unit_Tests.exe", "*", false},
+        {"feature version in the file differs", "1.00", "Ctx", kModuleFile, "*", false},
     };
-    for (const VersionCase& row : aCases) {
-        SCOPED_TRACE(row.szIdentityVersion);
-        WriteTable(Table("", row.szIdentityVersion));
-        m_uMark = GlobalTraceLog::Get().Mark();
-        CCAssembly assembly;
-        EXPECT_EQ(assembly.Initialize("Feat", "1.0", "Ctx"), row.bMatches);
-        EXPECT_EQ(assembly.IsInitialized(), row.bMatches);
-        EXPECT_EQ(Find("AssemblyIdentity node not found for current assembly.").has_value(), !row.bMatches);
-    }
-}
-
-struct LookupCase {
-    const char* szWhat;
-    const char* szFeature;
-    const char* szVersion;
-    const char* szContext;
-    const char* szIdentityName;
-};
-
-TEST_F(AssemblyTest, MissingFeatureContextOrIdentityFails)
-{
-    const LookupCase aCases[] = {
-        {"context differs", "Feat", "1.0", "Other", "unit_tests.exe"},
-        {"context differs in case", "Feat", "1.0", "ctx", "unit_tests.exe"},
-        {"identity names another module", "Feat", "1.0", "Ctx", "Moradel.dll"},
-        {"identity name differs in case", "Feat", "1.0", "Ctx", "Unit_Tests.exe"},
-        {"feature version in the file differs", "Feat", "1.00", "Ctx", "unit_tests.exe"},
-    };
-    for (const LookupCase& row : aCases) {
+    for (const auto& row : aCases) {
         SCOPED_TRACE(row.szWhat);
         // The table file is found by the caller's version; the node inside must still match it.
-        const std::string sFile = std::string("Feat_") + row.szVersion + ".xml";
-        std::string sContent = Table("");
-        const size_t iIdentity = sContent.find("<assemblyIdentity name=\"unit_tests.exe\" version=\"*\">");
-        sContent.replace(sContent.find("unit_tests.exe", iIdentity), strlen("unit_tests.exe"), row.szIdentityName);
-        WriteFile(sFile, sContent);
-        m_uMark = GlobalTraceLog::Get().Mark();
+        WriteFile(std::string("Feat_") + row.szVersion + ".xml",
+                  Table("", row.szIdentityVersion, "", row.szIdentityName));
+        Mark();
         CCAssembly assembly;
-        EXPECT_FALSE(assembly.Initialize(row.szFeature, row.szVersion, row.szContext));
-        EXPECT_FALSE(assembly.IsInitialized());
-        const auto line = Find("AssemblyIdentity node not found for current assembly.");
-        ASSERT_TRUE(line.has_value());
-        EXPECT_EQ((*line)[3], "Error");
-        EXPECT_EQ((*line)[8], std::string("ContextName: ") + row.szContext +
-                                  ", AssemblyIdentity: unit_tests.exe, Version: " + kFileVersion);
+        EXPECT_EQ(assembly.Initialize("Feat", row.szVersion, row.szContext), row.bMatches);
+        EXPECT_EQ(assembly.IsInitialized(), row.bMatches);
+        if (row.bMatches) {
+            EXPECT_FALSE(Find("AssemblyIdentity node not found for current assembly.").has_value());
+            continue;
+        }
+        EXPECT_EQ(Expect("AssemblyIdentity node not found for current assembly.")[8],
+                  std::string("ContextName: ") + row.szContext + ", AssemblyIdentity: unit_tests.exe, Version: " +
+                      kFileVersion);
         EXPECT_EQ(Count("InitializeFeatureList failed"), 1u);
         EXPECT_EQ(Count("InitializeFeature failed"), 1u);
-        EXPECT_TRUE(assembly.GetComEntries().empty());
     }
 }
 
-TEST_F(AssemblyTest, MalformedTableReportsTheParserPosition)
+TEST_F(AssemblyTest, UnloadableTableReportsPathAndParserPosition)
 {
-    WriteTable("<?xml version=\"1.0\"?>\n<features>\n  <feature name=\"Feat\" version=\"1.0\">\n    </context>\n"
-               "</features>\n");
-    CCAssembly assembly;
-    EXPECT_FALSE(assembly.Initialize("Feat", "1.0", "Ctx"));
-    const auto line = Find("Error loading dependency table");
-    ASSERT_TRUE(line.has_value());
-    EXPECT_EQ((*line)[3], "Error");
-    // The position is whatever the parser reports (Wine's msxml3 reports none; Windows gives line 4).
-    const ParserReport expected = ParseFile(m_dir.File(L"Feat_1.0.xml"));
-    ASSERT_FALSE(expected.bLoaded);
-    char szExpected[1024];
-    snprintf(szExpected, sizeof(szExpected), "path='%s', Line=%ld, Col=%ld, reason='%s'", TablePath().c_str(),
-             expected.lLine, expected.lColumn, expected.sReason.c_str());
-    EXPECT_EQ((*line)[8], szExpected);
-    EXPECT_FALSE(expected.sReason.empty());
-    EXPECT_EQ(Count("InitializeFeatureList failed"), 1u);
-    EXPECT_FALSE(Find("AssemblyIdentity node not found for current assembly.").has_value());
+    const struct {
+        const char* szWhat;
+        const char* szContent;  // nullptr: no file
+    } aCases[] = {
+        {"malformed", "<?xml version=\"1.0\"?>\n<features>\n  <feature name=\"Feat\" version=\"1.0\">\n"
+                      "    </context>\n</features>\n"},
+        {"missing", nullptr},
+    };
+    for (const auto& row : aCases) {
+        SCOPED_TRACE(row.szWhat);
+        if (row.szContent)
+            WriteTable(row.szContent);
+        else
+            DeleteFileW(m_dir.File(L"Feat_1.0.xml").c_str());
+        Mark();
+        CCAssembly assembly;
+        EXPECT_FALSE(assembly.Initialize("Feat", "1.0", "Ctx"));
+        // The position is whatever the parser reports (Wine's msxml3 reports none; Windows gives line 4).
+        const ParserReport expected = ParseFile(m_dir.File(L"Feat_1.0.xml"));
+        ASSERT_FALSE(expected.bLoaded);
+        EXPECT_FALSE(expected.sReason.empty());
+        char szExpected[1024];
+        snprintf(szExpected, sizeof(szExpected), "path='%s', Line=%ld, Col=%ld, reason='%s'", TablePath().c_str(),
+                 expected.lLine, expected.lColumn, expected.sReason.c_str());
+        EXPECT_EQ(Expect("Error loading dependency table")[8], szExpected);
+        EXPECT_FALSE(Find("AssemblyIdentity node not found for current assembly.").has_value());
+    }
 }
 
-TEST_F(AssemblyTest, MissingTableFileFailsWithItsPath)
-{
-    CCAssembly assembly;
-    EXPECT_FALSE(assembly.Initialize("Feat", "1.0", "Ctx"));
-    const auto line = Find("Error loading dependency table");
-    ASSERT_TRUE(line.has_value());
-    EXPECT_EQ((*line)[8].rfind("path='" + TablePath() + "', Line=", 0), 0u) << (*line)[8];
-}
-
-TEST_F(AssemblyTest, EnvironmentVariablesInTheTablesPathAreExpanded)
+TEST_F(AssemblyTest, TablesPathIsExpandedOrFailsTheCommonStep)
 {
     WriteTable(Table(""));
-    SetEnvironmentVariableA("MORADEL_TEST_DIR", Narrow(m_dir.Path()).c_str());
-    m_common.Set("DependencyTables", "%MORADEL_TEST_DIR%\\", REG_EXPAND_SZ);
-    CCAssembly assembly;
-    EXPECT_TRUE(assembly.Initialize("Feat", "1.0", "Ctx"));
-    // The trailing backslash stays; none is added or removed.
-    EXPECT_EQ(std::string(assembly.GetDependencyTablesPath()), Narrow(m_dir.Path()) + "\\");
-
-    // The value's type is not checked: a plain REG_SZ is expanded as well.
-    m_common.Set("DependencyTables", "%MORADEL_TEST_DIR%");
-    CCAssembly plain;
-    EXPECT_TRUE(plain.Initialize("Feat", "1.0", "Ctx"));
-    EXPECT_EQ(std::string(plain.GetDependencyTablesPath()), Narrow(m_dir.Path()));
-}
-
-TEST_F(AssemblyTest, MissingTablesPathFailsTheCommonStep)
-{
-    WriteTable(Table(""));
-    m_common.Remove("DependencyTables");
-    CCAssembly assembly;
-    EXPECT_FALSE(assembly.Initialize("Feat", "1.0", "Ctx"));
-    const auto line = Find("Error accessing registry for getting deptables path");
-    ASSERT_TRUE(line.has_value());
-    EXPECT_EQ((*line)[3], "Error");
-    EXPECT_EQ((*line)[8], "Error: 2");
-    EXPECT_EQ(Count("InitializeDependencyTablesPath failed"), 1u);
-    EXPECT_EQ(Count("InitializeCommon failed"), 1u);
-    // The feature step never ran.
-    EXPECT_EQ(Count("Method InitializeFeature has been called"), 0u);
-    EXPECT_FALSE(assembly.IsInitialized());
+    const std::string sDir = Narrow(m_dir.Path());
+    const struct {
+        const char* szWhat;
+        std::optional<std::string> sValue;  // nullopt: value missing
+        DWORD dwType;
+        const char* szExpanded;  // nullptr: the path fails with lError
+        long lError;
+    } aCases[] = {
+        // A trailing backslash is neither added nor removed; the value's type is not checked.
+        {"expand string", "%MORADEL_TEST_DIR%\\", REG_EXPAND_SZ, "\\", 0},
+        {"plain string is expanded too", "%MORADEL_TEST_DIR%", REG_SZ, "", 0},
+        {"value missing", std::nullopt, REG_SZ, nullptr, ERROR_FILE_NOT_FOUND},
+        {"value over 260 bytes", "C:\\" + std::string(300, 'r'), REG_SZ, nullptr, ERROR_MORE_DATA},
+        {"expansion over 260 characters", "%MORADEL_LONG%\\%MORADEL_LONG%", REG_SZ, nullptr,
+         ERROR_INSUFFICIENT_BUFFER},
+    };
+    SetEnvironmentVariableA("MORADEL_TEST_DIR", sDir.c_str());
+    SetEnvironmentVariableA("MORADEL_LONG", std::string(200, 'e').c_str());
+    for (const auto& row : aCases) {
+        SCOPED_TRACE(row.szWhat);
+        if (row.sValue)
+            m_common.Set("DependencyTables", *row.sValue, row.dwType);
+        else
+            m_common.Remove("DependencyTables");
+        Mark();
+        CCAssembly assembly;
+        EXPECT_EQ(assembly.Initialize("Feat", "1.0", "Ctx"), row.szExpanded != nullptr);
+        EXPECT_EQ(std::string(assembly.GetDependencyTablesPath()), row.szExpanded ? sDir + row.szExpanded : "");
+        if (row.szExpanded) {
+            EXPECT_FALSE(Find("Error accessing registry for getting deptables path").has_value());
+            continue;
+        }
+        EXPECT_FALSE(assembly.IsInitialized());
+        EXPECT_EQ(Expect("Error accessing registry for getting deptables path")[8],
+                  "Error: " + std::to_string(row.lError));
+        EXPECT_EQ(Count("InitializeDependencyTablesPath failed"), 1u);
+        EXPECT_EQ(Count("InitializeCommon failed"), 1u);
+        // The feature step never ran.
+        EXPECT_EQ(Count("Method InitializeFeature has been called"), 0u);
+    }
 }
 
 TEST_F(AssemblyTest, ComponentRootComesFromRegistryOrFeatureAttribute)
 {
-    const std::string sDependency = "<assemblyIdentity name=\"Lib\" version=\"3.1\"/>\n";
-    struct RootCase {
+    const std::string sLong(300, 'r');
+    const struct {
         const char* szWhat;
-        const char* szRegistry;  // nullptr: value missing
-        const char* szAttributes;
-        const char* szExpectedRoot;
-        bool bWarning;
+        std::optional<std::string> sRegistry;  // nullopt: value missing
+        std::string sAttributes, sExpectedRoot;
+        long lWarning;  // 0: none
+        std::string sName, sVersion;
     } aCases[] = {
-        {"registry", "C:\\Components", "", "C:\\Components", false},
-        {"missing value is only a warning", nullptr, "", "", true},
-        {"attribute wins", "C:\\Components", " rootFolder=\"D:\\Feature\"", "D:\\Feature", false},
-        {"attribute without registry", nullptr, " rootFolder=\"D:\\Feature\"", "D:\\Feature", true},
-        {"empty attribute keeps registry", "C:\\Components", " rootFolder=\"\"", "C:\\Components", false},
+        {"registry", "C:\\Components", "", "C:\\Components", 0, "Lib", "3.1"},
+        {"missing value is only a warning", std::nullopt, "", "", ERROR_FILE_NOT_FOUND, "Lib", "3.1"},
+        {"attribute wins", "C:\\Components", " rootFolder=\"D:\\Feature\"", "D:\\Feature", 0, "Lib", "3.1"},
+        {"attribute without registry", std::nullopt, " rootFolder=\"D:\\Feature\"", "D:\\Feature",
+         ERROR_FILE_NOT_FOUND, "Lib", "3.1"},
+        {"empty attribute keeps registry", "C:\\Components", " rootFolder=\"\"", "C:\\Components", 0, "Lib", "3.1"},
+        // A value over 260 bytes cannot be read; the long attribute and dependency texts are cut to 259.
+        {"long texts", "C:\\" + sLong, " rootFolder=\"" + sLong + "\"", sLong.substr(0, 259), ERROR_MORE_DATA,
+         sLong, sLong},
     };
-    for (const RootCase& row : aCases) {
+    for (const auto& row : aCases) {
         SCOPED_TRACE(row.szWhat);
-        WriteTable(Table(sDependency, "*", row.szAttributes));
-        if (row.szRegistry)
-            m_common.Set("ComponentRoot", row.szRegistry);
+        WriteTable(Table("<assemblyIdentity name=\"" + row.sName + "\" version=\"" + row.sVersion + "\"/>\n", "*",
+                         row.sAttributes));
+        if (row.sRegistry)
+            m_common.Set("ComponentRoot", *row.sRegistry);
         else
             m_common.Remove("ComponentRoot");
-        m_uMark = GlobalTraceLog::Get().Mark();
+        Mark();
         CCAssembly assembly;
         EXPECT_TRUE(assembly.Initialize("Feat", "1.0", "Ctx"));
-        EXPECT_STREQ(assembly.GetComponentRoot(), row.szExpectedRoot);
+        EXPECT_EQ(std::string(assembly.GetComponentRoot()), row.sExpectedRoot);
         const auto& libraries = assembly.GetLibraryEntries();
-        ASSERT_EQ(libraries.count("Lib"), 1u);
-        EXPECT_EQ(std::string(libraries.at("Lib").szFolder), std::string(row.szExpectedRoot) + "\\Lib\\3.1\\Lib");
-        const auto line = Find("Error accessing registry for getting GAC root");
-        EXPECT_EQ(line.has_value(), row.bWarning);
-        if (line) {
-            EXPECT_EQ((*line)[3], "Warning");
-            EXPECT_EQ((*line)[8], "Error: 2");
+        ASSERT_EQ(libraries.size(), 1u);
+        EXPECT_EQ(libraries.begin()->first, row.sName.substr(0, 259));
+        const std::string sFolder = row.sExpectedRoot + "\\" + row.sName + "\\" + row.sVersion + "\\" + row.sName;
+        EXPECT_EQ(std::string(libraries.begin()->second.szFolder), sFolder.substr(0, 259));
+        if (row.lWarning) {
+            EXPECT_EQ(Expect("Error accessing registry for getting GAC root", "Warning")[8],
+                      "Error: " + std::to_string(row.lWarning));
+        } else {
+            EXPECT_FALSE(Find("Error accessing registry for getting GAC root").has_value());
         }
     }
 }
@@ -351,19 +357,16 @@ TEST_F(AssemblyTest, ComAndLibraryEntriesAreSortedIntoTheirMaps)
     EXPECT_STREQ(libraries.at("HalfCom2").szVersion, "");
     EXPECT_STREQ(libraries.at("HalfCom2").szFolder, "C:\\Components\\HalfCom2\\\\HalfCom2");
 
+    // Every entry is traced in table order, COM entries with both ProgIDs.
     std::vector<std::string> comTexts;
     std::vector<std::string> libraryTexts;
     for (const auto& fields : Lines()) {
-        if (fields.size() < 9)
+        const bool bCom = fields.size() >= 9 && fields[7] == "Com entry found";
+        if (!bCom && (fields.size() < 9 || fields[7] != "Win32 dll entry found"))
             continue;
-        if (fields[7] == "Com entry found" || fields[7] == "Win32 dll entry found") {
-            EXPECT_EQ(fields[3], "VerboseCC");
-            EXPECT_EQ(fields[6], "Internal");
-        }
-        if (fields[7] == "Com entry found")
-            comTexts.push_back(fields[8]);
-        else if (fields[7] == "Win32 dll entry found")
-            libraryTexts.push_back(fields[8]);
+        EXPECT_EQ(fields[3], "VerboseCC");
+        EXPECT_EQ(fields[6], "Internal");
+        (bCom ? comTexts : libraryTexts).push_back(fields[8]);
     }
     const std::string sCaller = std::string("caller unit_tests.exe V") + kFileVersion + ": ";
     EXPECT_EQ(comTexts, (std::vector<std::string>{
@@ -375,128 +378,74 @@ TEST_F(AssemblyTest, ComAndLibraryEntriesAreSortedIntoTheirMaps)
                                                       sCaller + "name Helper.dll, version 4.1"}));
 }
 
-TEST_F(AssemblyTest, GettersReturnTheStoredTexts)
+TEST_F(AssemblyTest, GettersCopyTheStoredTextsAndCutToTheBuffer)
 {
     WriteTable(Table(""));
     CCAssembly assembly;
     ASSERT_TRUE(assembly.Initialize("Feat", "1.0", "Ctx"));
-    struct GetterCase {
+    const struct {
         bool (CCAssembly::*pfnGet)(char*, size_t);
         const char* szExpected;
-        const char* szTraced;
-    } aCases[] = {
-        {&CCAssembly::GetFeatureName, "Feat", "szFeatureName: Feat"},
-        {&CCAssembly::GetFeatureVersion, "1.0", "szFeatureVersion: 1.0"},
-        {&CCAssembly::GetContextName, "Ctx", "szContextName: Ctx"},
-    };
-    for (const GetterCase& row : aCases) {
+    } aCases[] = {{&CCAssembly::GetFeatureName, "Feat"},
+                  {&CCAssembly::GetFeatureVersion, "1.0"},
+                  {&CCAssembly::GetContextName, "Ctx"}};
+    for (const auto& row : aCases) {
         SCOPED_TRACE(row.szExpected);
-        m_uMark = GlobalTraceLog::Get().Mark();
         char szBuffer[CCAssembly::kTextChars];
-        memset(szBuffer, 'Z', sizeof(szBuffer));
         EXPECT_TRUE((assembly.*row.pfnGet)(szBuffer, sizeof(szBuffer)));
         EXPECT_STREQ(szBuffer, row.szExpected);
-        bool bTraced = false;
-        for (const auto& fields : Lines())
-            bTraced = bTraced || (fields.size() >= 9 && fields[8] == row.szTraced);
-        EXPECT_TRUE(bTraced);
         // A small buffer gets a terminated prefix and a false result, and nothing beyond it is touched.
         memset(szBuffer, 'Z', sizeof(szBuffer));
         EXPECT_FALSE((assembly.*row.pfnGet)(szBuffer, 3));
         EXPECT_EQ(std::string(szBuffer), std::string(row.szExpected, 2));
         EXPECT_EQ(szBuffer[3], 'Z');
     }
+    // One representative: the getter traces the value it hands out.
+    Mark();
+    char szBuffer[CCAssembly::kTextChars];
+    assembly.GetFeatureName(szBuffer);
+    EXPECT_TRUE(GlobalTraceLog::Get().Contains(m_uMark, "", "szFeatureName: Feat"));
 }
 
 TEST_F(AssemblyTest, LongNamesAreCutWithoutOverrun)
 {
     WriteTable(Table(""));
     const std::string sLong(300, 'n');
-    struct LongCase {
+    // Short enough to be stored whole, too long for the 260-character table path.
+    const std::string sMedium(230, 'f');
+    ASSERT_GT(m_dir.Path().size() + sMedium.size() + 8, CCAssembly::kTextChars);
+    const struct {
         const char* szWhat;
         std::string sFeature, sVersion, sContext;
+        bool bPathTooLong;  // else the table is read and the context is not found
     } aCases[] = {
-        {"feature", sLong, "1.0", "Ctx"},
-        {"version", "Feat", sLong, "Ctx"},
-        {"context", "Feat", "1.0", sLong},
+        {"feature", sLong, "1.0", "Ctx", true},
+        {"version", "Feat", sLong, "Ctx", true},
+        {"context", "Feat", "1.0", sLong, false},
+        // The table path is not opened cut, which could name an unrelated file.
+        {"table path only", sMedium, "1.0", "Ctx", true},
     };
-    for (const LongCase& row : aCases) {
+    for (const auto& row : aCases) {
         SCOPED_TRACE(row.szWhat);
-        m_uMark = GlobalTraceLog::Get().Mark();
+        Mark();
         CCAssembly assembly;
         EXPECT_FALSE(assembly.Initialize(row.sFeature.c_str(), row.sVersion.c_str(), row.sContext.c_str()));
-        char szFeature[CCAssembly::kTextChars + 8];
-        char szVersion[CCAssembly::kTextChars + 8];
-        char szContext[CCAssembly::kTextChars + 8];
-        memset(szFeature, 'Z', sizeof(szFeature));
-        assembly.GetFeatureName(szFeature, sizeof(szFeature));
-        assembly.GetFeatureVersion(szVersion, sizeof(szVersion));
-        assembly.GetContextName(szContext, sizeof(szContext));
+        const auto line = Find("Error loading dependency table");
+        EXPECT_EQ(line.has_value(), row.bPathTooLong);
+        const std::string sText = line ? (*line)[8] : "";
+        EXPECT_EQ(sText.find("reason='path too long'") != std::string::npos, row.bPathTooLong) << sText;
+        char szText[CCAssembly::kTextChars + 8];
         // Stored texts are cut to 259 characters; the neighbouring fields are intact.
-        EXPECT_EQ(std::string(szFeature), row.sFeature.substr(0, 259));
-        EXPECT_EQ(std::string(szVersion), row.sVersion.substr(0, 259));
-        EXPECT_EQ(std::string(szContext), row.sContext.substr(0, 259));
+        EXPECT_TRUE(assembly.GetFeatureName(szText, sizeof(szText)));
+        EXPECT_EQ(std::string(szText), row.sFeature.substr(0, 259));
+        assembly.GetFeatureVersion(szText, sizeof(szText));
+        EXPECT_EQ(std::string(szText), row.sVersion.substr(0, 259));
+        assembly.GetContextName(szText, sizeof(szText));
+        EXPECT_EQ(std::string(szText), row.sContext.substr(0, 259));
         EXPECT_STREQ(assembly.GetModuleFile(), kModuleFile);
         EXPECT_STREQ(assembly.GetFileVersion(), kFileVersion);
-        EXPECT_STREQ(assembly.GetComponentRoot(), row.sContext == sLong ? "C:\\Components" : "");
+        EXPECT_STREQ(assembly.GetComponentRoot(), row.bPathTooLong ? "" : "C:\\Components");
     }
-}
-
-TEST_F(AssemblyTest, LongRegistryAndTableTextsAreBounded)
-{
-    const std::string sLong(300, 'r');
-    WriteTable(Table("<assemblyIdentity name=\"" + sLong + "\" version=\"" + sLong + "\"/>\n", "*",
-                     " rootFolder=\"" + sLong + "\""));
-    m_common.Set("ComponentRoot", "C:\\" + sLong);
-    CCAssembly assembly;
-    EXPECT_TRUE(assembly.Initialize("Feat", "1.0", "Ctx"));
-    // A ComponentRoot value over 260 bytes cannot be read: warning, then the attribute is used, cut.
-    const auto warning = Find("Error accessing registry for getting GAC root");
-    ASSERT_TRUE(warning.has_value());
-    EXPECT_EQ((*warning)[8], "Error: " + std::to_string(ERROR_MORE_DATA));
-    EXPECT_EQ(std::string(assembly.GetComponentRoot()), sLong.substr(0, 259));
-    const auto& libraries = assembly.GetLibraryEntries();
-    ASSERT_EQ(libraries.size(), 1u);
-    const CCDependencyRecord& record = libraries.begin()->second;
-    EXPECT_EQ(libraries.begin()->first, sLong.substr(0, 259));
-    EXPECT_EQ(strnlen(record.szFolder, sizeof(record.szFolder)), 259u);
-    EXPECT_EQ(std::string(record.szFolder), sLong.substr(0, 259));
-
-    struct PathCase {
-        const char* szWhat;
-        std::string sValue;
-        long lError;
-    } aPaths[] = {
-        {"value over 260 bytes", "C:\\" + sLong, ERROR_MORE_DATA},
-        {"expansion over 260 characters", "%MORADEL_TEST_DIR%\\%MORADEL_TEST_DIR%", ERROR_INSUFFICIENT_BUFFER},
-    };
-    SetEnvironmentVariableA("MORADEL_TEST_DIR", std::string(200, 'e').c_str());
-    for (const PathCase& row : aPaths) {
-        SCOPED_TRACE(row.szWhat);
-        m_common.Set("DependencyTables", row.sValue);
-        m_uMark = GlobalTraceLog::Get().Mark();
-        CCAssembly cut;
-        EXPECT_FALSE(cut.Initialize("Feat", "1.0", "Ctx"));
-        const auto line = Find("Error accessing registry for getting deptables path");
-        ASSERT_TRUE(line.has_value());
-        EXPECT_EQ((*line)[8], "Error: " + std::to_string(row.lError));
-        EXPECT_STREQ(cut.GetDependencyTablesPath(), "");
-    }
-}
-
-TEST_F(AssemblyTest, TablePathTooLongFailsInsteadOfOpeningACutName)
-{
-    // Short enough to be stored whole, too long for the 260-character table path.
-    const std::string sFeature(230, 'f');
-    ASSERT_GT(m_dir.Path().size() + sFeature.size() + 8, CCAssembly::kTextChars);
-    CCAssembly assembly;
-    EXPECT_FALSE(assembly.Initialize(sFeature.c_str(), "1.0", "Ctx"));
-    const auto line = Find("Error loading dependency table");
-    ASSERT_TRUE(line.has_value());
-    EXPECT_NE((*line)[8].find("reason='path too long'"), std::string::npos) << (*line)[8];
-    char szFeature[CCAssembly::kTextChars] = {};
-    EXPECT_TRUE(assembly.GetFeatureName(szFeature));
-    EXPECT_EQ(szFeature, sFeature);
 }
 
 TEST_F(AssemblyTest, EntryAndExitAreTracedAtInfoCC)
@@ -506,20 +455,16 @@ TEST_F(AssemblyTest, EntryAndExitAreTracedAtInfoCC)
         CCAssembly assembly;
         EXPECT_TRUE(assembly.Initialize("Feat", "1.0", "Ctx"));
     }
-    const auto constructed = Find("An instance of CCAssembly has been constructed");
-    const auto enter = Find("Method Initialize has been called");
-    const auto leave = Find("Method Initialize has been left.");
-    const auto destructed = Find("An instance of CCAssembly has been destructed");
-    ASSERT_TRUE(constructed && enter && leave && destructed);
-    for (const auto* pLine : {&*constructed, &*enter, &*leave, &*destructed}) {
-        EXPECT_EQ((*pLine)[3], "InfoCC");
-        EXPECT_EQ((*pLine)[4], "CCAssembly");
-    }
-    EXPECT_EQ((*enter)[5], "Initialize");
-    EXPECT_EQ((*enter)[6], "Enter");
-    EXPECT_EQ((*enter)[8], "szFeatureName: Feat, szFeatureVersion: 1.0, szContextName: Ctx");
-    EXPECT_EQ((*leave)[6], "Leave");
-    EXPECT_EQ((*leave)[8], "bReturn: 1");
+    const auto enter = Expect("Method Initialize has been called", "InfoCC");
+    const auto leave = Expect("Method Initialize has been left.", "InfoCC");
+    for (const auto& fields : {Expect("An instance of CCAssembly has been constructed", "InfoCC"), enter, leave,
+                               Expect("An instance of CCAssembly has been destructed", "InfoCC")})
+        EXPECT_EQ(fields[4], "CCAssembly") << fields[7];
+    EXPECT_EQ(enter[5], "Initialize");
+    EXPECT_EQ(enter[6], "Enter");
+    EXPECT_EQ(enter[8], "szFeatureName: Feat, szFeatureVersion: 1.0, szContextName: Ctx");
+    EXPECT_EQ(leave[6], "Leave");
+    EXPECT_EQ(leave[8], "bReturn: 1");
 }
 
 TEST_F(AssemblyTest, WithoutComTheDocumentCannotBeCreated)
@@ -527,21 +472,18 @@ TEST_F(AssemblyTest, WithoutComTheDocumentCannotBeCreated)
     WriteTable(Table(""));
     bool bResult = true;
     // A fresh thread has no COM apartment; the component must not set one up itself.
-    std::thread worker([&] {
+    std::thread([&] {
         CCAssembly assembly;
         bResult = assembly.Initialize("Feat", "1.0", "Ctx");
-    });
-    worker.join();
+    }).join();
     EXPECT_FALSE(bResult);
-    const auto line = Find("Failed to create MSXML2.Dom object to parse XML.");
-    ASSERT_TRUE(line.has_value());
-    EXPECT_EQ((*line)[3], "Error");
+    const std::string sText = Expect("Failed to create MSXML2.Dom object to parse XML.")[8];
     unsigned hr = 0;
-    ASSERT_EQ(sscanf((*line)[8].c_str(), "hr: 0x%08X", &hr), 1) << (*line)[8];
+    ASSERT_EQ(sscanf(sText.c_str(), "hr: 0x%08X", &hr), 1) << sText;
     EXPECT_TRUE(FAILED(static_cast<HRESULT>(hr))) << std::hex << hr;
     char szExpected[512];
     snprintf(szExpected, sizeof(szExpected), "hr: 0x%08X, '%s'", hr, GetErrorText(hr));
-    EXPECT_EQ((*line)[8], szExpected);
+    EXPECT_EQ(sText, szExpected);
 }
 
 TEST_F(AssemblyTest, DllInitializeHoldsTheNamedMutexUntilUninitialize)
@@ -556,12 +498,11 @@ TEST_F(AssemblyTest, DllInitializeHoldsTheNamedMutexUntilUninitialize)
     ASSERT_NE(hMutex, nullptr) << GetLastError();
     auto OtherThreadGets = [hMutex] {
         DWORD dwWait = WAIT_FAILED;
-        std::thread other([&] {
+        std::thread([&] {
             dwWait = WaitForSingleObject(hMutex, 0);
             if (dwWait == WAIT_OBJECT_0 || dwWait == WAIT_ABANDONED)
                 ReleaseMutex(hMutex);
-        });
-        other.join();
+        }).join();
         return dwWait == WAIT_OBJECT_0;
     };
     EXPECT_FALSE(OtherThreadGets());
@@ -580,9 +521,9 @@ TEST_F(AssemblyTest, ComponentForwardsBstrsToTheAssembly)
     CCBstr bstrVersion(L"1.0");
     CCBstr bstrContext(L"Ctx");
     EXPECT_TRUE(component.Initialize(bstrFeature.Get(), bstrVersion.Get(), bstrContext.Get()));
-    char szContext[CCAssembly::kTextChars] = {};
-    EXPECT_TRUE(component->GetContextName(szContext));
-    EXPECT_STREQ(szContext, "Ctx");
+    char szText[CCAssembly::kTextChars] = {};
+    EXPECT_TRUE(component->GetContextName(szText));
+    EXPECT_STREQ(szText, "Ctx");
     // No mutex on this path.
     HANDLE hMutex = OpenMutexA(SYNCHRONIZE, FALSE, assembly.MutexName().c_str());
     EXPECT_EQ(hMutex, nullptr);
@@ -591,9 +532,8 @@ TEST_F(AssemblyTest, ComponentForwardsBstrsToTheAssembly)
 
     // Null BSTRs are empty texts: no table "_.xml" exists, so this fails cleanly.
     EXPECT_FALSE(component.Initialize(static_cast<BSTR>(nullptr), nullptr, nullptr));
-    char szFeature[CCAssembly::kTextChars] = {};
-    component->GetFeatureName(szFeature);
-    EXPECT_STREQ(szFeature, "");
+    component->GetFeatureName(szText);
+    EXPECT_STREQ(szText, "");
 }
 
 }  // namespace
