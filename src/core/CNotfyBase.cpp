@@ -259,3 +259,16 @@ bool CNotfyBase::IsSupported()
 {
     return true;
 }
+
+void CNotfyBase::CompleteEvent(HRESULT hrData, const char* szQualifiedName)
+{
+    if (hrData == NOTFY_S_UNCHANGED) {
+        CCVariant noPut;
+        V_VT(noPut.Ptr()) = VT_BOOL;
+        V_BOOL(noPut.Ptr()) = VARIANT_TRUE;
+        RaiseIfFailed(m_wmi.SetQualifier("NoPut", noPut.Ptr(), nullptr), szQualifiedName,
+                      "Raising exception because SetQualifier with 'NoPut' failed.");
+    }
+    RaiseIfFailed(SetCommonData(), szQualifiedName, "Raising exception because SetCommonData failed.");
+    RaiseIfFailed(AddToList(), szQualifiedName, "Raising exception because AddToList failed.");
+}

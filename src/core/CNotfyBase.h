@@ -54,6 +54,9 @@ protected:
     using CInstanceList = std::vector<Microsoft::WRL::ComPtr<IWbemClassObject>>;
 
     static void Append(CInstanceList& list, IWbemClassObject* pObject);
+    // The last steps for the event built in m_wmi: NoPut when hrData says unchanged, the common
+    // data, the list. Raises the first failure.
+    void CompleteEvent(HRESULT hrData, const char* szQualifiedName);
 
     unsigned long m_ulNotfyId = 0;
     std::string m_sEventClassName;

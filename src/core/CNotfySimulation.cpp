@@ -40,8 +40,7 @@ HRESULT CNotfySimulation::RetrieveInstances()
         RaiseIfFailed(m_wmi.NewInstance(m_sEventClassName.c_str()), kName, "Raising exception because NewInstance failed.");
         RaiseIfFailed(PutI4(m_wmi, "DeviceId", 1), kName, "Raising exception because SetProperty on 'DeviceId' failed.");
         RaiseIfFailed(SetEventData(), kName, "Raising exception because SetEventData failed.");
-        RaiseIfFailed(SetCommonData(), kName, "Raising exception because SetCommonData failed.");
-        RaiseIfFailed(AddToList(), kName, "Raising exception because AddToList failed.");
+        CompleteEvent(S_OK, kName);  // a simulated event is always new
         return S_OK;
     }));
 }

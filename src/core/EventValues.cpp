@@ -2,6 +2,7 @@
 
 #include "access/CCStringConversion.h"
 #include "access/ComHolders.h"
+#include "framework/CCQuillTrace.h"
 #include "framework/HResultError.h"
 
 HRESULT PutI4(CCWMIAccess& access, const char* szProperty, LONG lValue)
@@ -16,6 +17,14 @@ void RaiseIfFailed(HRESULT hr, const char* szQualifiedName, const char* szMessag
 {
     if (FAILED(hr))
         RaiseHr(hr, szQualifiedName, szMessage, "hr 0x%X", static_cast<unsigned>(hr));
+}
+
+void TraceContinue(const char* szQualifiedName, HRESULT hr)
+{
+    GetTrace().TraceMsg(TRACE_WARNING, szQualifiedName, "Exception",
+                        "Catching an self-thrown HRESULT exception. This usually indicates an error, but I just "
+                        "continue in the loop!",
+                        "hr: 0x%x", static_cast<unsigned>(hr));
 }
 
 std::string NarrowText(const VARIANT& value)

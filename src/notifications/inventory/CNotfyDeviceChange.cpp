@@ -12,8 +12,6 @@
 namespace {
 
 constexpr char kEntered[] = "has been entered.";
-constexpr char kContinue[] =
-    "Catching an self-thrown HRESULT exception. This usually indicates an error, but I just continue in the loop!";
 
 constexpr LONG kStatusUnchanged = 1;
 constexpr LONG kStatusAdded = 2;
@@ -31,10 +29,6 @@ bool IsNotFound(HRESULT hr)
     return hr == static_cast<HRESULT>(WBEM_E_NOT_FOUND);
 }
 
-void TraceContinue(const char* szQualifiedName, HRESULT hr)
-{
-    GetTrace().TraceMsg(TRACE_WARNING, szQualifiedName, "Exception", kContinue, "hr 0x%X", static_cast<unsigned>(hr));
-}
 
 }  // namespace
 
@@ -101,15 +95,7 @@ HRESULT CNotfyDeviceChange::RetrieveInstances()
                       "Raising exception because SetProperty on 'DeviceId' failed.");
                 const HRESULT hrData = SetEventData(data);
                 RaiseIfFailed(hrData, kName, "Raising exception because SetEventData failed.");
-                if (hrData == NOTFY_S_UNCHANGED) {
-                    CCVariant noPut;
-                    V_VT(noPut.Ptr()) = VT_BOOL;
-                    V_BOOL(noPut.Ptr()) = VARIANT_TRUE;
-                    RaiseIfFailed(m_wmi.SetQualifier("NoPut", noPut.Ptr(), nullptr), kName,
-                          "Raising exception because SetQualifier with 'NoPut' failed.");
-                }
-                RaiseIfFailed(SetCommonData(), kName, "Raising exception because SetCommonData failed.");
-                RaiseIfFailed(AddToList(), kName, "Raising exception because AddToList failed.");
+                CompleteEvent(hrData, kName);
                 return S_OK;
             });
             if (FAILED(hrItem))

@@ -228,22 +228,11 @@ HRESULT CNotfyTemperature::RetrieveInstances()
                 if (hrData == kHddSensorOff)
                     Skip(kHddSensorOff, kName,
                          "Raising exception because SetCommonData returned WBEM_S_SOURCE_NOT_AVAILABLE.");
-                if (hrData == NOTFY_S_UNCHANGED) {
-                    CCVariant noPut;
-                    V_VT(noPut.Ptr()) = VT_BOOL;
-                    V_BOOL(noPut.Ptr()) = VARIANT_TRUE;
-                    RaiseIfFailed(m_wmi.SetQualifier("NoPut", noPut.Ptr(), nullptr), kName,
-                          "Raising exception because SetQualifier with 'NoPut' failed.");
-                }
-                RaiseIfFailed(SetCommonData(), kName, "Raising exception because SetCommonData failed.");
-                RaiseIfFailed(AddToList(), kName, "Raising exception because AddToList failed.");
+                CompleteEvent(hrData, kName);
                 return S_OK;
             });
             if (FAILED(hrProbe))
-                GetTrace().TraceMsg(TRACE_WARNING, kName, "Exception",
-                                    "Catching an self-thrown HRESULT exception. This usually indicates an error, but "
-                                    "I just continue in the loop!",
-                                    "hr: 0x%x", static_cast<unsigned>(hrProbe));
+                TraceContinue(kName, hrProbe);
         } while (SUCCEEDED(source.GetNextWMIInstanceInEnumerator()));
         return S_OK;
     }));
