@@ -115,18 +115,8 @@ HRESULT CNotfyBase::SetEventType(unsigned long dwStatus)
     constexpr char kName[] = "CNotfyBase::SetEventType";
     CCMethodTrace trace(TRACE_INFO, kName, kEntered, "dwStatus: %lu", dwStatus);
     return trace.Return(CatchHr([&]() -> HRESULT {
-        CCVariant relPath;
-        HRESULT hr = m_wmi.GetProperty("__RelPath", relPath.GetAddress(), false, 0);
-        // A new instance without its keys has no path, so no stored instance can be looked up.
-        if (SUCCEEDED(hr) && relPath.Type() != VT_BSTR)
-            hr = WBEM_E_INVALID_OBJECT_PATH;
         CCWMIAccess stored;
-        if (SUCCEEDED(hr)) {
-            stored = static_cast<IWbemServices*>(m_wmi);
-            stored.SetContext(m_context);
-            CCStringConversion path(V_BSTR(&relPath.Get()));
-            hr = stored.GetObject(path.Convert2A());
-        }
+        HRESULT hr = GetStoredInstance(stored);
         if (hr == static_cast<HRESULT>(WBEM_E_NOT_FOUND))
             return PutI4(m_wmi, "EventType", (dwStatus == 2 || dwStatus == 3) ? 1 : 3);
         if (FAILED(hr)) {
@@ -260,15 +250,99 @@ bool CNotfyBase::IsSupported()
     return true;
 }
 
-void CNotfyBase::CompleteEvent(HRESULT hrData, const char* szQualifiedName)
+void CNotfyBase::CompleteEvent(HRESULT hrData, const char* szQualifiedName, const CEventStepTexts& texts)
 {
     if (hrData == NOTFY_S_UNCHANGED) {
         CCVariant noPut;
         V_VT(noPut.Ptr()) = VT_BOOL;
         V_BOOL(noPut.Ptr()) = VARIANT_TRUE;
-        RaiseIfFailed(m_wmi.SetQualifier("NoPut", noPut.Ptr(), nullptr), szQualifiedName,
-                      "Raising exception because SetQualifier with 'NoPut' failed.");
+        RaiseIfFailed(m_wmi.SetQualifier("NoPut", noPut.Ptr(), nullptr), szQualifiedName, texts.szNoPut);
     }
-    RaiseIfFailed(SetCommonData(), szQualifiedName, "Raising exception because SetCommonData failed.");
-    RaiseIfFailed(AddToList(), szQualifiedName, "Raising exception because AddToList failed.");
+    RaiseIfFailed(SetCommonData(), szQualifiedName, texts.szCommonData);
+    RaiseIfFailed(AddToList(), szQualifiedName, texts.szAddToList);
+}
+
+HRESULT CNotfyBase::ForEachSourceInstance(const char* szQualifiedName, const char* szNamespace, const char* szQuery,
+                                          const std::function<void(CCWMIAccess& source)>& perItem,
+                                          ENoSourceData noData)
+{
+    CCWMIAccess source;
+    source.SetContext(m_context);
+    // A failed connection shows as the failure of the query.
+    source.ConnectToNamespace(szNamespace, -1, nullptr);
+    const HRESULT hr = source.ExecuteQuery(szQuery, 0);
+    if (hr == static_cast<HRESULT>(WBEM_E_NOT_AVAILABLE) && noData == ENoSourceData::Success) {
+        GetTrace().TraceMsg(TRACE_VERBOSE, szQualifiedName, "Internal",
+                            "Query did not return data. Continue with success.", "Query: %s", szQuery);
+        return S_OK;
+    }
+    if (FAILED(hr)) {
+        GetTrace().TraceMsg(TRACE_ERROR, szQualifiedName, "Internal", "Error executing query", "Query: %s, hr: 0x%x",
+                            szQuery, static_cast<unsigned>(hr));
+        return hr;
+    }
+    do {
+        const HRESULT hrItem = CatchHr([&]() -> HRESULT {
+            perItem(source);
+            return S_OK;
+        });
+        if (FAILED(hrItem))
+            TraceContinue(szQualifiedName, hrItem);
+    } while (SUCCEEDED(source.GetNextWMIInstanceInEnumerator()));
+    return S_OK;
+}
+
+void CNotfyBase::BeginEvent(CCWMIAccess& source, const CEventStepTexts& texts, const char* szQualifiedName,
+                            bool bCopyDeviceId)
+{
+    RaiseIfFailed(m_wmi.NewInstance(m_sEventClassName.c_str()), szQualifiedName, texts.szNewInstance);
+    CCVariant relPath;
+    HRESULT hr = source.GetProperty("__RelPath", relPath.GetAddress(), false, 0);
+    if (SUCCEEDED(hr))
+        hr = m_wmi.SetProperty("Object", relPath.Ptr());
+    RaiseIfFailed(hr, szQualifiedName, texts.szObject);
+    if (!bCopyDeviceId)
+        return;
+    CCVariant deviceId;
+    hr = source.GetProperty("DeviceID", deviceId.GetAddress(), false, 0);
+    if (SUCCEEDED(hr))
+        hr = m_wmi.SetProperty("DeviceId", deviceId.Ptr());
+    RaiseIfFailed(hr, szQualifiedName, texts.szDeviceId);
+}
+
+HRESULT CNotfyBase::GetStoredInstance(CCWMIAccess& stored)
+{
+    CCVariant relPath;
+    HRESULT hr = m_wmi.GetProperty("__RelPath", relPath.GetAddress(), false, 0);
+    // A new instance without its keys has no path, so no stored instance can be looked up.
+    if (SUCCEEDED(hr) && (relPath.Type() != VT_BSTR || !V_BSTR(&relPath.Get())))
+        hr = WBEM_E_INVALID_OBJECT_PATH;
+    if (FAILED(hr))
+        return hr;
+    stored = static_cast<IWbemServices*>(m_wmi);
+    stored.SetContext(m_context);
+    CCStringConversion path(V_BSTR(&relPath.Get()));
+    return stored.GetObject(path.Convert2A());
+}
+
+bool CNotfyBase::StoredDiffers(std::initializer_list<const char*> properties)
+{
+    CCWMIAccess stored;
+    if (FAILED(GetStoredInstance(stored)))
+        return false;
+    for (const char* szProperty : properties) {
+        CCVariant now;
+        CCVariant before;
+        if (FAILED(m_wmi.GetProperty(szProperty, now.GetAddress(), false, 0)) ||
+            FAILED(stored.GetProperty(szProperty, before.GetAddress(), false, 0)) ||
+            VarCmp(now.Ptr(), before.Ptr(), LOCALE_USER_DEFAULT, 0) != static_cast<HRESULT>(VARCMP_EQ))
+            return true;
+    }
+    return false;
+}
+
+std::string CNotfyBase::ContextValue(const char* szKey) const
+{
+    const auto it = m_context.find(szKey);
+    return it == m_context.end() ? std::string() : it->second;
 }

@@ -6,6 +6,7 @@
 
 #include <wrl/client.h>
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -21,6 +22,21 @@ struct CNotfyNames {
     const char* szFeatureVersion;
     const char* szContextName;
 };
+
+// Trace texts of the steps that build one event from a source instance; the defaults are the
+// usual wording, and a kind replaces those that it words differently.
+struct CEventStepTexts {
+    const char* szNewInstance = "Raising exception because NewInstance failed.";
+    const char* szObject = "Raising exception because setting 'Object' reference failed.";
+    const char* szDeviceId = "Raising exception because setting 'DeviceId' failed.";
+    const char* szSetEventData = "Raising exception because SetEventData failed.";
+    const char* szNoPut = "Raising exception because SetQualifier with 'NoPut' failed.";
+    const char* szCommonData = "Raising exception because SetCommonData failed.";
+    const char* szAddToList = "Raising exception because AddToList failed.";
+};
+
+// What a source query that finds nothing means to a kind.
+enum class ENoSourceData { Success, Failure };
 
 class CNotfyBase {
 public:
@@ -54,9 +70,30 @@ protected:
     using CInstanceList = std::vector<Microsoft::WRL::ComPtr<IWbemClassObject>>;
 
     static void Append(CInstanceList& list, IWbemClassObject* pObject);
+
+    // The source loop: connects an access object with the feature context to szNamespace, runs
+    // szQuery and calls perItem with it positioned on each result instance in turn. A query without
+    // data ends with success (or, for ENoSourceData::Failure, with its code); another failure is
+    // traced and returned. What perItem raises ends only that item; failures are traced, success
+    // codes (skip the item) are not.
+    HRESULT ForEachSourceInstance(const char* szQualifiedName, const char* szNamespace, const char* szQuery,
+                                  const std::function<void(CCWMIAccess& source)>& perItem,
+                                  ENoSourceData noData = ENoSourceData::Success);
+    // NewInstance of the event class in m_wmi and Object := the source's __RelPath; with
+    // bCopyDeviceId also DeviceId := the source's DeviceID. Raises the step's text on failure.
+    void BeginEvent(CCWMIAccess& source, const CEventStepTexts& texts, const char* szQualifiedName,
+                    bool bCopyDeviceId = true);
     // The last steps for the event built in m_wmi: NoPut when hrData says unchanged, the common
     // data, the list. Raises the first failure.
-    void CompleteEvent(HRESULT hrData, const char* szQualifiedName);
+    void CompleteEvent(HRESULT hrData, const char* szQualifiedName, const CEventStepTexts& texts = {});
+    // Fetches, into stored (attached to the event namespace with the feature context), the stored
+    // instance whose path is the __RelPath of the event being built. WBEM_E_NOT_FOUND when none is.
+    HRESULT GetStoredInstance(CCWMIAccess& stored);
+    // After an unchanged status: true when the stored instance exists and one of the properties
+    // differs from the event's (variant comparison, user's default locale).
+    bool StoredDiffers(std::initializer_list<const char*> properties);
+    // The feature context value of szKey, empty when absent.
+    std::string ContextValue(const char* szKey) const;
 
     unsigned long m_ulNotfyId = 0;
     std::string m_sEventClassName;

@@ -7,6 +7,7 @@
 #include "framework/CCMethodTrace.h"
 #include "framework/HResultError.h"
 #include "notifications/inventory/CNotfyDeviceChange.h"
+#include "notifications/inventory/CNotfyVideoAdapterChange.h"
 #include "notifications/sensors/CNotfyTemperature.h"
 
 #include <cstdint>
@@ -73,7 +74,7 @@ const std::array<CNotificationHandler::KindEntry, 20>& CNotificationHandler::Kin
         {61, "CNotfyServiceMonitoring", nullptr},
         {62, "CNotfyAutoStartMonitoring", nullptr},
         {63, "CNotfyBiosSettingsChange", nullptr},
-        {64, "CNotfyVideoAdapterChange", nullptr},
+        {64, "CNotfyVideoAdapterChange", &CreateKind<CNotfyVideoAdapterChange>},
         {65, "CNotfyPhysicalHDDChange", nullptr},
     }};
     return s_table;

@@ -13,10 +13,88 @@ HRESULT PutI4(CCWMIAccess& access, const char* szProperty, LONG lValue)
     return access.SetProperty(szProperty, value.Ptr());
 }
 
+HRESULT PutTextArray(CCWMIAccess& access, const char* szProperty, const std::vector<std::wstring>& texts)
+{
+    CCSafeArray array(SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(texts.size())));
+    if (!array.Get())
+        return WBEM_E_OUT_OF_MEMORY;
+    for (LONG l = 0; l < static_cast<LONG>(texts.size()); ++l) {
+        CCBstr text{std::wstring_view(texts[l])};
+        if (!text)
+            return WBEM_E_OUT_OF_MEMORY;
+        // SafeArrayPutElement copies the string.
+        const HRESULT hr = SafeArrayPutElement(array.Get(), &l, text.Get());
+        if (FAILED(hr))
+            return hr;
+    }
+    CCVariant value;
+    V_VT(value.Ptr()) = VT_ARRAY | VT_BSTR;
+    V_ARRAY(value.Ptr()) = array.Detach();
+    return access.SetProperty(szProperty, value.Ptr());
+}
+
+HRESULT ReadI4(CCWMIAccess& access, const char* szProperty, LONG* plValue)
+{
+    CCVariant value;
+    const HRESULT hr = access.GetProperty(szProperty, value.GetAddress(), false, 0);
+    if (FAILED(hr))
+        return hr;
+    if (value.Type() == VT_I4)
+        *plValue = V_I4(&value.Get());
+    else if (value.Type() == VT_UI4)
+        *plValue = static_cast<LONG>(V_UI4(&value.Get()));
+    else
+        return WBEM_E_TYPE_MISMATCH;
+    return hr;
+}
+
+HRESULT ReadText(CCWMIAccess& access, const char* szProperty, std::wstring* pwsValue)
+{
+    CCVariant value;
+    const HRESULT hr = access.GetProperty(szProperty, value.GetAddress(), false, 0);
+    if (FAILED(hr))
+        return hr;
+    if (value.Type() != VT_BSTR)
+        return WBEM_E_TYPE_MISMATCH;
+    const BSTR bstr = V_BSTR(&value.Get());
+    pwsValue->assign(bstr ? bstr : L"", bstr ? SysStringLen(bstr) : 0);
+    return hr;
+}
+
+HRESULT ReadTextArray(CCWMIAccess& access, const char* szProperty, std::vector<std::wstring>* pTexts)
+{
+    CCVariant value;
+    HRESULT hr = access.GetProperty(szProperty, value.GetAddress(), false, 0);
+    if (FAILED(hr))
+        return hr;
+    if (value.Type() != (VT_ARRAY | VT_BSTR) || !V_ARRAY(&value.Get()))
+        return WBEM_E_TYPE_MISMATCH;
+    SAFEARRAY* psa = V_ARRAY(&value.Get());
+    LONG lLower = 0;
+    LONG lUpper = -1;
+    if (FAILED(SafeArrayGetLBound(psa, 1, &lLower)) || FAILED(SafeArrayGetUBound(psa, 1, &lUpper)))
+        return WBEM_E_TYPE_MISMATCH;
+    pTexts->clear();
+    for (LONG l = lLower; l <= lUpper; ++l) {
+        CCBstr text;
+        const HRESULT hrElement = SafeArrayGetElement(psa, &l, text.GetAddress());
+        if (FAILED(hrElement))
+            return hrElement;
+        pTexts->emplace_back(text.Get() ? text.Get() : L"", text.Length());
+    }
+    return hr;
+}
+
 void RaiseIfFailed(HRESULT hr, const char* szQualifiedName, const char* szMessage)
 {
     if (FAILED(hr))
         RaiseHr(hr, szQualifiedName, szMessage, "hr 0x%X", static_cast<unsigned>(hr));
+}
+
+void RaiseSkip(HRESULT hr, const char* szQualifiedName, const char* szMessage)
+{
+    GetTrace().TraceMsg(TRACE_INFO, szQualifiedName, "Exception", szMessage, "hr: 0x%x", static_cast<unsigned>(hr));
+    throw HResultError{hr};
 }
 
 void TraceContinue(const char* szQualifiedName, HRESULT hr)

@@ -4,12 +4,28 @@
 #include "access/CCWMIAccess.h"
 
 #include <string>
+#include <vector>
 
 // Writes a 32-bit integer property.
 HRESULT PutI4(CCWMIAccess& access, const char* szProperty, LONG lValue);
 
+// Writes an array of texts (VT_ARRAY | VT_BSTR).
+HRESULT PutTextArray(CCWMIAccess& access, const char* szProperty, const std::vector<std::wstring>& texts);
+
+// Reads an integer that arrives as VT_I4 or VT_UI4, as signed 32-bit; another type is WBEM_E_TYPE_MISMATCH.
+HRESULT ReadI4(CCWMIAccess& access, const char* szProperty, LONG* plValue);
+
+// Reads a VT_BSTR property; another type is WBEM_E_TYPE_MISMATCH. A null BSTR reads as empty.
+HRESULT ReadText(CCWMIAccess& access, const char* szProperty, std::wstring* pwsValue);
+
+// Reads a VT_ARRAY | VT_BSTR property element by element; another type is WBEM_E_TYPE_MISMATCH.
+HRESULT ReadTextArray(CCWMIAccess& access, const char* szProperty, std::vector<std::wstring>* pTexts);
+
 // Raises hr, traced with szMessage, when it is a failure.
 void RaiseIfFailed(HRESULT hr, const char* szQualifiedName, const char* szMessage);
+
+// Raises a success code that skips the current item, traced at Info because it is no error.
+[[noreturn]] void RaiseSkip(HRESULT hr, const char* szQualifiedName, const char* szMessage);
 
 // Traces, at Warning, that a loop over management objects skips the item that failed with hr.
 void TraceContinue(const char* szQualifiedName, HRESULT hr);

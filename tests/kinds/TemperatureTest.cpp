@@ -143,7 +143,7 @@ TEST(TemperatureClassify, LaterTestsOverrideEarlierOnesAndLimitsAreInclusive)
     const struct {
         ETemperatureFamily family;
         LONG lReading;
-        CTemperatureThresholds limits;  // UNC, UC, UD, LNC, LC, LD
+        CSensorThresholds limits;  // UNC, UC, UD, LNC, LC, LD
         unsigned long ulStatus;
         LONG lTextId;
     } cases[] = {
@@ -168,11 +168,11 @@ TEST(TemperatureClassify, LaterTestsOverrideEarlierOnesAndLimitsAreInclusive)
     };
     for (size_t i = 0; i < std::size(cases); ++i) {
         const auto& c = cases[i];
-        const CTemperatureMessages* pMessages = CNotfyTemperature::GetMessages(c.family);
+        const CSensorMessages* pMessages = CNotfyTemperature::GetMessages(c.family);
         ASSERT_NE(pMessages, nullptr) << "row " << i;
         unsigned long ulStatus = 0xdeadbeef;
         LONG lTextId = 0x5a5a5a5a;
-        CNotfyTemperature::Classify(*pMessages, c.lReading, c.limits, &ulStatus, &lTextId);
+        ClassifyReading(*pMessages, c.lReading, c.limits, &ulStatus, &lTextId);
         EXPECT_EQ(ulStatus, c.ulStatus) << "row " << i << " reading " << c.lReading;
         EXPECT_EQ(lTextId, c.lTextId) << "row " << i << " reading " << c.lReading;
     }

@@ -1,9 +1,7 @@
 #include "notifications/inventory/CNotfyDeviceChange.h"
-#include "core/EventValues.h"
 
-#include "access/CCStringConversion.h"
 #include "access/ComHolders.h"
-#include "framework/CCEventLogCond.h"
+#include "core/EventValues.h"
 #include "framework/CCMethodTrace.h"
 #include "framework/HResultError.h"
 
@@ -12,12 +10,6 @@
 namespace {
 
 constexpr char kEntered[] = "has been entered.";
-
-constexpr LONG kStatusUnchanged = 1;
-constexpr LONG kStatusAdded = 2;
-constexpr LONG kStatusRemoved = 3;
-constexpr LONG kTypeUnchanged = 3;
-constexpr LONG kTypeInventory = 5;
 
 bool IsNoData(HRESULT hr)
 {
@@ -29,49 +21,55 @@ bool IsNotFound(HRESULT hr)
     return hr == static_cast<HRESULT>(WBEM_E_NOT_FOUND);
 }
 
+[[noreturn]] void RaisePathFailure(HRESULT hr, const char* szQualifiedName, const char* szMessage)
+{
+    RaiseHr(FAILED(hr) ? hr : static_cast<HRESULT>(WBEM_E_TYPE_MISMATCH), szQualifiedName, szMessage, "hr 0x%X",
+            static_cast<unsigned>(hr));
+}
 
 }  // namespace
 
 CNotfyDeviceChange::CNotfyDeviceChange()
+    : CNotfyDeviceChange({"CNotfyDeviceChange", kNotfyId, "KM_DeviceChange_Static", "CIM_MediaAccessDevice",
+                          {"Win32_IDEControllerDevice", "Win32_SCSIControllerDevice"}, true})
 {
-    m_ulNotfyId = kNotfyId;
-    m_sEventClassName = "KM_DeviceChange_Static";
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyDeviceChange::CNotfyDeviceChange", "Internal",
-                        "An instance of CNotfyDeviceChange has been created.", "");
+}
+
+CNotfyDeviceChange::CNotfyDeviceChange(const CAssociationKind& kind)
+    : CNotfyInventoryChange(kind.szKindName),
+      m_sSourceClass(kind.szSourceClass),
+      m_controllerAssociations(kind.controllerAssociations),
+      m_bWriteDeviceIdTarget(kind.bWriteDeviceIdTarget)
+{
+    m_ulNotfyId = kind.ulNotfyId;
+    m_sEventClassName = kind.szEventClass;
+    const std::string sName = QualifiedName(m_szKindName);
+    const std::string sMessage = std::string("An instance of ") + m_szKindName + " has been created.";
+    GetTrace().TraceMsg(TRACE_INFO, sName.c_str(), "Internal", sMessage.c_str(), "");
 }
 
 CNotfyDeviceChange::~CNotfyDeviceChange()
 {
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyDeviceChange::~CNotfyDeviceChange", "Internal",
-                        "An instance of CNotfyDeviceChange has been destroyed.", "");
-}
-
-void CNotfyDeviceChange::ReportQueryFailure(const char* szArgument)
-{
-    const auto Value = [this](const char* szKey) {
-        const auto it = m_context.find(szKey);
-        return it == m_context.end() ? std::string() : it->second;
-    };
-    CCNamedComponent component(Value("FeatureName").c_str(), Value("FeatureVersion").c_str(),
-                               Value("ContextName").c_str());
-    // The result is deliberately ignored: reporting is best effort.
-    CCEventLogCond::ReportEventCond(&component, 1, "Larkspan", "Larkspan", 1, 7, 1, szArgument);
+    const std::string sName = QualifiedName((std::string("~") + m_szKindName).c_str());
+    const std::string sMessage = std::string("An instance of ") + m_szKindName + " has been destroyed.";
+    GetTrace().TraceMsg(TRACE_INFO, sName.c_str(), "Internal", sMessage.c_str(), "");
 }
 
 HRESULT CNotfyDeviceChange::RetrieveInstances()
 {
-    constexpr char kName[] = "CNotfyDeviceChange::RetrieveInstances";
+    const std::string sName = QualifiedName("RetrieveInstances");
+    const char* kName = sName.c_str();
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
     return trace.Return(CatchHr([&]() -> HRESULT {
         CCWMIAccess data;
         data.SetContext(m_context);
         RaiseIfFailed(data.ConnectToNamespace(m_sReferencedNamespace.c_str(), -1, nullptr), kName,
-              "Raising exception because ConnectToNamespace failed.");
+                      "Raising exception because ConnectToNamespace failed.");
 
         LONG lDeviceId = 1;
         HRESULT hr = data.GetAssociatedClassInstances(m_sSourceClass.c_str(), m_sResultClass.c_str());
         if (IsNoData(hr)) {
-            // No media access devices at all: nothing to report, and no removals this cycle.
+            // No devices at all: nothing to report, and no removals this cycle.
             GetTrace().TraceMsg(TRACE_VERBOSE, kName, "Internal", "Query did not return data. Continue with success.",
                                 "");
             return S_OK;
@@ -82,20 +80,18 @@ HRESULT CNotfyDeviceChange::RetrieveInstances()
                                 "hr 0x%X", static_cast<unsigned>(hr));
             return hr;
         }
+        const CEventStepTexts texts{.szDeviceId = "Raising exception because SetProperty on 'DeviceId' failed."};
         do {
             CCVariant id;
             if (!GetUniqueId(data, id.Ptr()))
                 continue;  // not on an IDE or SCSI controller: no event, no number used
             const HRESULT hrItem = CatchHr([&]() -> HRESULT {
-                RaiseIfFailed(m_wmi.NewInstance(m_sEventClassName.c_str()), kName,
-                      "Raising exception because NewInstance failed.");
-                RaiseIfFailed(m_wmi.SetProperty("Object", id.Ptr()), kName,
-                      "Raising exception because setting 'Object' reference failed.");
-                RaiseIfFailed(PutI4(m_wmi, "DeviceId", lDeviceId), kName,
-                      "Raising exception because SetProperty on 'DeviceId' failed.");
+                RaiseIfFailed(m_wmi.NewInstance(m_sEventClassName.c_str()), kName, texts.szNewInstance);
+                RaiseIfFailed(m_wmi.SetProperty("Object", id.Ptr()), kName, texts.szObject);
+                RaiseIfFailed(PutI4(m_wmi, "DeviceId", lDeviceId), kName, texts.szDeviceId);
                 const HRESULT hrData = SetEventData(data);
-                RaiseIfFailed(hrData, kName, "Raising exception because SetEventData failed.");
-                CompleteEvent(hrData, kName);
+                RaiseIfFailed(hrData, kName, texts.szSetEventData);
+                CompleteEvent(hrData, kName, texts);
                 return S_OK;
             });
             if (FAILED(hrItem))
@@ -108,31 +104,31 @@ HRESULT CNotfyDeviceChange::RetrieveInstances()
 
 bool CNotfyDeviceChange::GetUniqueId(CCWMIAccess& enumerator, VARIANT* pvId)
 {
-    constexpr char kName[] = "CNotfyDeviceChange::GetUniqueId";
+    const std::string sName = QualifiedName("GetUniqueId");
+    const char* kName = sName.c_str();
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
     const HRESULT hrResult = CatchHr([&]() -> HRESULT {
         CCVariant pnpPath;
         HRESULT hr = enumerator.GetProperty("__PATH", pnpPath.GetAddress(), false, 0);
         if (FAILED(hr) || pnpPath.Type() != VT_BSTR)
-            RaiseHr(FAILED(hr) ? hr : static_cast<HRESULT>(WBEM_E_TYPE_MISMATCH), kName,
-                    "Raising exception because error getting '__PATH' property on PnpInstance", "hr 0x%X",
-                    static_cast<unsigned>(hr));
+            RaisePathFailure(hr, kName, "Raising exception because error getting '__PATH' property on PnpInstance");
+        if (m_controllerAssociations.empty())
+            return VariantCopy(pvId, pnpPath.Ptr());
         const std::string sPnpPath = NarrowText(pnpPath.Get());
 
         CCWMIAccess references;
         references = static_cast<IWbemServices*>(enumerator);
-        for (const char* szAssociation : m_aszControllerAssociations) {
+        for (const char* szAssociation : m_controllerAssociations) {
             const std::string sQuery = "REFERENCES OF {" + sPnpPath + "} WHERE ResultClass = " + szAssociation;
             hr = references.ExecuteQuery(sQuery.c_str(), 0);
             if (SUCCEEDED(hr)) {
                 CCVariant controllerPath;
                 hr = references.GetProperty("__PATH", controllerPath.GetAddress(), false, 0);
                 if (FAILED(hr) || controllerPath.Type() != VT_BSTR)
-                    RaiseHr(FAILED(hr) ? hr : static_cast<HRESULT>(WBEM_E_TYPE_MISMATCH), kName,
-                            "Raising exception because error getting '__PATH' property on Controller instance",
-                            "hr 0x%X", static_cast<unsigned>(hr));
+                    RaisePathFailure(hr, kName,
+                                     "Raising exception because error getting '__PATH' property on Controller instance");
                 RaiseIfFailed(VariantCopy(pvId, controllerPath.Ptr()), kName,
-                      "Raising exception because error getting '__PATH' property on Controller instance");
+                              "Raising exception because error getting '__PATH' property on Controller instance");
                 return S_OK;
             }
             if (IsNoData(hr) || IsNotFound(hr))
@@ -141,7 +137,7 @@ bool CNotfyDeviceChange::GetUniqueId(CCWMIAccess& enumerator, VARIANT* pvId)
             RaiseHr(hr, kName, "Raising exception because error executing ReferencesOf query", "Query: %s, hr: 0x%x",
                     sQuery.c_str(), static_cast<unsigned>(hr));
         }
-        return S_FALSE;  // attached to neither an IDE nor a SCSI controller
+        return S_FALSE;  // attached to none of the controllers
     });
     const bool bRet = hrResult == S_OK;
     GetTrace().TraceMsg(TRACE_VERBOSE, kName, "Internal", "", "bRet: %d", bRet ? 1 : 0);
@@ -150,7 +146,8 @@ bool CNotfyDeviceChange::GetUniqueId(CCWMIAccess& enumerator, VARIANT* pvId)
 
 HRESULT CNotfyDeviceChange::SetEventData(CCWMIAccess& enumerator)
 {
-    constexpr char kName[] = "CNotfyDeviceChange::SetEventData";
+    const std::string sName = QualifiedName("SetEventData");
+    const char* kName = sName.c_str();
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
     return trace.Return(CatchHr([&]() -> HRESULT {
         CCVariant name;
@@ -164,96 +161,20 @@ HRESULT CNotfyDeviceChange::SetEventData(CCWMIAccess& enumerator)
         if (FAILED(hr))
             GetTrace().TraceMsg(TRACE_WARNING, kName, "Internal", "Error setting 'Name' property", "hr 0x%X",
                                 static_cast<unsigned>(hr));
-        CCVariant deviceId;
-        enumerator.GetProperty("DeviceID", deviceId.GetAddress(), false, 0);  // a missing DeviceID is tolerated
-        hr = m_wmi.SetProperty("DeviceIDTarget", deviceId.Ptr());
-        if (FAILED(hr))
-            GetTrace().TraceMsg(TRACE_WARNING, kName, "Internal", "Error setting 'DeviceIDTarget' property",
-                                "hr 0x%X", static_cast<unsigned>(hr));
-
-        LONG lType = kTypeUnchanged;
-        LONG lStatus = kStatusUnchanged;
-        LONG lTextId = kNotfyId * 1000 + 1;
-        HRESULT hrResult = S_OK;
-
-        CCWMIAccess stored;
-        stored = static_cast<IWbemServices*>(m_wmi);
-        const std::string sProbe = "select * from " + m_sEventClassName + " where DeviceId = 1";
-        hr = stored.ExecuteQuery(sProbe.c_str(), 0);
-        if (FAILED(hr) && !IsNoData(hr)) {
-            ReportQueryFailure(m_sEventClassName.c_str());
-            RaiseHr(hr, kName, "GetOldObject returned an unexpected WMI HRESULT", "hr 0x%X", static_cast<unsigned>(hr));
-        }
-        if (SUCCEEDED(hr)) {
-            // Not the first inventory: a device whose key is not stored has been added.
-            CCVariant relPath;
-            RaiseIfFailed(m_wmi.GetProperty("__RELPATH", relPath.GetAddress(), false, 0), kName,
-                  "Raising exception because error getting '__RELPATH' property");
-            hr = stored.GetObject(NarrowText(relPath.Get()).c_str());
-            if (IsNotFound(hr)) {
-                lType = kTypeInventory;
-                lStatus = kStatusAdded;
-                lTextId = kNotfyId * 1000 + 2;
-            } else if (FAILED(hr)) {
-                RaiseHr(hr, kName, "GetOldObject returned an unexpected WMI HRESULT", "hr 0x%X",
-                        static_cast<unsigned>(hr));
-            } else {
-                hrResult = NOTFY_S_UNCHANGED;
-            }
+        if (m_bWriteDeviceIdTarget) {
+            CCVariant deviceId;
+            enumerator.GetProperty("DeviceID", deviceId.GetAddress(), false, 0);  // a missing DeviceID is tolerated
+            hr = m_wmi.SetProperty("DeviceIDTarget", deviceId.Ptr());
+            if (FAILED(hr))
+                GetTrace().TraceMsg(TRACE_WARNING, kName, "Internal", "Error setting 'DeviceIDTarget' property",
+                                    "hr 0x%X", static_cast<unsigned>(hr));
         }
 
-        RaiseIfFailed(PutI4(m_wmi, "EventStatus", lStatus), kName,
-              "Raising exception because SetProperty on 'EventStatus' failed");
-        RaiseIfFailed(PutI4(m_wmi, "EventTextId", lTextId), kName,
-              "Raising exception because SetProperty on 'EventTextId' failed");
-        CCSafeArray arguments(SafeArrayCreateVector(VT_BSTR, 0, 1));
-        if (!arguments.Get())
-            RaiseHr(E_OUTOFMEMORY, kName, "Raising exception because SetProperty on 'EventTextArguments' failed",
-                    "");
-        CCBstr bstrName(wsName.c_str());
-        LONG lIndex = 0;
-        RaiseIfFailed(SafeArrayPutElement(arguments.Get(), &lIndex, bstrName.Get()), kName,
-              "Raising exception because SetProperty on 'EventTextArguments' failed");
-        CCVariant textArguments;
-        V_VT(textArguments.Ptr()) = VT_ARRAY | VT_BSTR;
-        V_ARRAY(textArguments.Ptr()) = arguments.Detach();
-        RaiseIfFailed(m_wmi.SetProperty("EventTextArguments", textArguments.Ptr()), kName,
-              "Raising exception because SetProperty on 'EventTextArguments' failed");
-        RaiseIfFailed(PutI4(m_wmi, "EventType", lType), kName, "Raising exception because SetProperty on 'EventType' failed");
-        return hrResult;
+        EInventoryOutcome outcome = EInventoryOutcome::FirstInventory;
+        if (!IsFirstInventoryByQuery(kName)) {
+            CCWMIAccess stored;
+            outcome = LookupStored(stored, kName);
+        }
+        return WriteOutcome(outcome, {wsName}, kName);
     }));
-}
-
-HRESULT CNotfyDeviceChange::AddObsoleteInstances()
-{
-    constexpr char kName[] = "CNotfyDeviceChange::AddObsoleteInstances";
-    CCMethodTrace trace(TRACE_INFO, kName, kEntered);
-    const HRESULT hr = GetObsoleteInstances();
-    if (FAILED(hr)) {
-        GetTrace().TraceMsg(TRACE_ERROR, kName, "Internal", "Error because GetObsoleteInstances failed", "hr 0x%X",
-                            static_cast<unsigned>(hr));
-        return trace.Return(hr);
-    }
-    while (!m_obsoleteList.empty()) {
-        // The entry leaves the list whatever happens to it.
-        Microsoft::WRL::ComPtr<IWbemClassObject> pStored = std::move(m_obsoleteList.front());
-        m_obsoleteList.erase(m_obsoleteList.begin());
-        const HRESULT hrItem = CatchHr([&]() -> HRESULT {
-            // AttachInstanceObject takes over the reference it is given.
-            RaiseIfFailed(m_wmi.AttachInstanceObject(pStored.Detach()), kName,
-                  "Raising exception because CCWMIAccess::AttachInstanceObject failed");
-            RaiseIfFailed(PutI4(m_wmi, "EventStatus", kStatusRemoved), kName,
-                  "Raising exception because SetProperty on 'EventStatus' failed");
-            RaiseIfFailed(PutI4(m_wmi, "EventTextId", kNotfyId * 1000 + 3), kName,
-                  "Raising exception because SetProperty on 'EventTextId' failed");
-            RaiseIfFailed(PutI4(m_wmi, "EventType", kTypeInventory), kName,
-                  "Raising exception because SetProperty on 'EventTextId' failed");
-            RaiseIfFailed(SetCommonData(), kName, "Raising exception because SetCommonData failed");
-            RaiseIfFailed(AddToList(), kName, "Raising exception because AddToList failed");
-            return S_OK;
-        });
-        if (FAILED(hrItem))
-            TraceContinue(kName, hrItem);
-    }
-    return trace.Return(S_OK);
 }

@@ -18,40 +18,11 @@ constexpr LONG kHardDiskBit = 0x2000;
 constexpr LONG kIndexedProbeBit = 0x100;
 constexpr HRESULT kHddSensorOff = static_cast<HRESULT>(WBEM_S_SOURCE_NOT_AVAILABLE);
 
-constexpr CTemperatureMessages kGraphicCard = {7206, 7204, 7205, 7202, 7207, 7203};
-constexpr CTemperatureMessages kHardDisk = {7101, 7102, 7103, 7104, -1, -1};
-constexpr CTemperatureMessages kIndexedProbe = {7306, 7304, 7305, 7302, 7307, 7303};
-constexpr CTemperatureMessages kSystemProbe = {7021, 7013, 7017, 7005, 7025, 7009};
-
-// A success code raised to skip the probe; traced at Info because it is no error.
-[[noreturn]] void Skip(HRESULT hr, const char* szQualifiedName, const char* szMessage)
-{
-    GetTrace().TraceMsg(TRACE_INFO, szQualifiedName, "Exception", szMessage, "hr 0x%X", static_cast<unsigned>(hr));
-    throw HResultError{hr};
-}
-
-// Integers arrive as VT_I4 or VT_UI4 and are read as signed 32-bit; anything else is a mismatch.
-HRESULT ReadInteger(CCWMIAccess& access, const char* szProperty, LONG* plValue)
-{
-    CCVariant value;
-    const HRESULT hr = access.GetProperty(szProperty, value.GetAddress(), false, 0);
-    if (FAILED(hr))
-        return hr;
-    if (value.Type() == VT_I4)
-        *plValue = V_I4(&value.Get());
-    else if (value.Type() == VT_UI4)
-        *plValue = static_cast<LONG>(V_UI4(&value.Get()));
-    else
-        return WBEM_E_TYPE_MISMATCH;
-    return hr;
-}
-
-void ReadThreshold(CCWMIAccess& access, const char* szProperty, LONG* plValue)
-{
-    LONG lValue = 0;
-    if (SUCCEEDED(ReadInteger(access, szProperty, &lValue)))
-        *plValue = lValue;
-}
+// The lower non-critical and lower critical states share one number.
+constexpr CSensorMessages kGraphicCard = {7206, 7204, 7205, 7202, 7207, 7207, 7203};
+constexpr CSensorMessages kHardDisk = {7101, 7102, 7103, 7104, -1, -1, -1};
+constexpr CSensorMessages kIndexedProbe = {7306, 7304, 7305, 7302, 7307, 7307, 7303};
+constexpr CSensorMessages kSystemProbe = {7021, 7013, 7017, 7005, 7025, 7025, 7009};
 
 // The first three pieces of a "|"-separated text; missing pieces are empty.
 std::vector<std::wstring> SplitArguments(const std::wstring& wsText)
@@ -69,37 +40,6 @@ std::vector<std::wstring> SplitArguments(const std::wstring& wsText)
         uStart = uBar == std::wstring::npos ? wsText.size() + 1 : uBar + 1;
     }
     return pieces;
-}
-
-HRESULT PutTextArray(CCWMIAccess& access, const char* szProperty, const std::vector<std::wstring>& texts)
-{
-    CCSafeArray array(SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(texts.size())));
-    if (!array.Get())
-        return WBEM_E_OUT_OF_MEMORY;
-    for (LONG l = 0; l < static_cast<LONG>(texts.size()); ++l) {
-        CCBstr text(std::wstring_view(texts[l]));
-        if (!text)
-            return WBEM_E_OUT_OF_MEMORY;
-        // SafeArrayPutElement copies the string.
-        const HRESULT hr = SafeArrayPutElement(array.Get(), &l, text.Get());
-        if (FAILED(hr))
-            return hr;
-    }
-    CCVariant value;
-    V_VT(value.Ptr()) = VT_ARRAY | VT_BSTR;
-    V_ARRAY(value.Ptr()) = array.Detach();
-    return access.SetProperty(szProperty, value.Ptr());
-}
-
-// True unless both values can be read and compare equal.
-bool Differs(CCWMIAccess& current, CCWMIAccess& stored, const char* szProperty)
-{
-    CCVariant now;
-    CCVariant before;
-    if (FAILED(current.GetProperty(szProperty, now.GetAddress(), false, 0)) ||
-        FAILED(stored.GetProperty(szProperty, before.GetAddress(), false, 0)))
-        return true;
-    return VarCmp(now.Ptr(), before.Ptr(), LOCALE_USER_DEFAULT, 0) != static_cast<HRESULT>(VARCMP_EQ);
 }
 
 }  // namespace
@@ -135,7 +75,7 @@ ETemperatureFamily CNotfyTemperature::GetFamily(LONG lSensorId)
     return ETemperatureFamily::Unknown;
 }
 
-const CTemperatureMessages* CNotfyTemperature::GetMessages(ETemperatureFamily family)
+const CSensorMessages* CNotfyTemperature::GetMessages(ETemperatureFamily family)
 {
     switch (family) {
     case ETemperatureFamily::GraphicCard: return &kGraphicCard;
@@ -146,95 +86,24 @@ const CTemperatureMessages* CNotfyTemperature::GetMessages(ETemperatureFamily fa
     }
 }
 
-void CNotfyTemperature::Classify(const CTemperatureMessages& messages, LONG lReading,
-                                 const CTemperatureThresholds& limits, unsigned long* pulStatus, LONG* plTextId)
-{
-    // Each later test overrides an earlier one, so the most severe limit reached wins.
-    unsigned long ulStatus = 1;
-    LONG lTextId = messages.lNormal;
-    if (lReading >= limits.lUpperNonCritical) {
-        ulStatus = 2;
-        lTextId = messages.lUpperNonCritical;
-    }
-    if (lReading >= limits.lUpperCritical) {
-        ulStatus = 3;
-        lTextId = messages.lUpperCritical;
-    }
-    if (lReading >= limits.lUpperDefect) {
-        ulStatus = 3;
-        lTextId = messages.lUpperDefect;
-    }
-    if (lReading <= limits.lLowerNonCritical) {
-        ulStatus = 2;
-        lTextId = messages.lLower;
-    }
-    if (lReading <= limits.lLowerCritical) {
-        ulStatus = 3;
-        lTextId = messages.lLower;
-    }
-    if (lReading <= limits.lLowerDefect) {
-        ulStatus = 3;
-        lTextId = messages.lLowerDefect;
-    }
-    *pulStatus = ulStatus;
-    *plTextId = lTextId;
-}
-
 HRESULT CNotfyTemperature::RetrieveInstances()
 {
     constexpr char kName[] = "CNotfyTemperature::RetrieveInstances";
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
-    return trace.Return(CatchHr([&]() -> HRESULT {
-        CCWMIAccess source;
-        source.SetContext(m_context);
-        HRESULT hr = source.ConnectToNamespace(m_sReferencedNamespace.c_str(), -1, nullptr);
-        if (FAILED(hr))
-            RaiseHr(hr, kName, "Raising exception because ConnectToNamespace failed.", "Namespace: %s, hr: 0x%x",
-                    m_sReferencedNamespace.c_str(), static_cast<unsigned>(hr));
-        hr = source.ExecuteQuery(m_sAuxiliary.c_str(), 0);
-        if (hr == static_cast<HRESULT>(WBEM_E_NOT_AVAILABLE)) {
-            GetTrace().TraceMsg(TRACE_VERBOSE, kName, "Internal", "Query did not return data. Continue with success.",
-                                "Query: %s", m_sAuxiliary.c_str());
-            return S_OK;
-        }
-        if (FAILED(hr)) {
-            GetTrace().TraceMsg(TRACE_ERROR, kName, "Internal", "Error executing query", "Query: %s, hr: 0x%x",
-                                m_sAuxiliary.c_str(), static_cast<unsigned>(hr));
-            return hr;
-        }
-
-        do {
-            const HRESULT hrProbe = CatchHr([&]() -> HRESULT {
-                RaiseIfFailed(m_wmi.NewInstance(m_sEventClassName.c_str()), kName,
-                      "Raising exception because NewInstance failed.");
-                CCVariant relPath;
-                HRESULT hrStep = source.GetProperty("__RelPath", relPath.GetAddress(), false, 0);
-                if (SUCCEEDED(hrStep))
-                    hrStep = m_wmi.SetProperty("Object", relPath.Ptr());
-                RaiseIfFailed(hrStep, kName, "Raising exception because setting 'Object' reference failed.");
-                CCVariant deviceId;
-                hrStep = source.GetProperty("DeviceID", deviceId.GetAddress(), false, 0);
-                if (SUCCEEDED(hrStep))
-                    hrStep = m_wmi.SetProperty("DeviceId", deviceId.Ptr());
-                RaiseIfFailed(hrStep, kName, "Raising exception because setting 'DeviceId' failed.");
-
-                CCVariant present;
-                hrStep = source.GetProperty("SensorPresent", present.GetAddress(), false, 0);
-                if (FAILED(hrStep) || present.Type() != VT_BOOL || V_BOOL(&present.Get()) == VARIANT_FALSE)
-                    Skip(NOTFY_S_SKIP, kName, "Raising exception because sensor not supported.");
-
-                const HRESULT hrData = SetEventData(source);
-                RaiseIfFailed(hrData, kName, "Raising exception because SetEventData failed.");
-                if (hrData == kHddSensorOff)
-                    Skip(kHddSensorOff, kName,
-                         "Raising exception because SetCommonData returned WBEM_S_SOURCE_NOT_AVAILABLE.");
-                CompleteEvent(hrData, kName);
-                return S_OK;
-            });
-            if (FAILED(hrProbe))
-                TraceContinue(kName, hrProbe);
-        } while (SUCCEEDED(source.GetNextWMIInstanceInEnumerator()));
-        return S_OK;
+    const CEventStepTexts texts;
+    return trace.Return(ForEachSourceInstance(kName, m_sReferencedNamespace.c_str(), m_sAuxiliary.c_str(),
+                                              [&](CCWMIAccess& source) {
+        BeginEvent(source, texts, kName);
+        CCVariant present;
+        const HRESULT hr = source.GetProperty("SensorPresent", present.GetAddress(), false, 0);
+        if (FAILED(hr) || present.Type() != VT_BOOL || V_BOOL(&present.Get()) == VARIANT_FALSE)
+            RaiseSkip(NOTFY_S_SKIP, kName, "Raising exception because sensor not supported.");
+        const HRESULT hrData = SetEventData(source);
+        RaiseIfFailed(hrData, kName, texts.szSetEventData);
+        if (hrData == kHddSensorOff)
+            RaiseSkip(kHddSensorOff, kName,
+                      "Raising exception because SetCommonData returned WBEM_S_SOURCE_NOT_AVAILABLE.");
+        CompleteEvent(hrData, kName, texts);
     }));
 }
 
@@ -250,7 +119,7 @@ HRESULT CNotfyTemperature::SetEventData(CCWMIAccess& source)
         RaiseIfFailed(hr, kName, "Raising exception because error getting 'Name' property");
 
         LONG lSensorId = 0;
-        RaiseIfFailed(ReadInteger(source, "SensorId", &lSensorId), kName,
+        RaiseIfFailed(ReadI4(source, "SensorId", &lSensorId), kName,
               "Raising exception because error getting 'SensorId' property");
         RaiseIfFailed(PutI4(m_wmi, "SensorId", lSensorId), kName, "Raising exception because SetProperty on 'SensorId' failed");
 
@@ -273,28 +142,22 @@ HRESULT CNotfyTemperature::SetEventData(CCWMIAccess& source)
         RaiseIfFailed(m_wmi.SetProperty("Name", name.Ptr()), kName, "Raising exception because SetProperty on 'Name' failed");
 
         LONG lReading = 0;
-        hr = ReadInteger(source, "CurrentReading", &lReading);
+        hr = ReadI4(source, "CurrentReading", &lReading);
         RaiseIfFailed(hr, kName, "Raising exception because Could not get the current value!");
-        CTemperatureThresholds limits;
-        ReadThreshold(source, "UpperThresholdNonCritical", &limits.lUpperNonCritical);
-        ReadThreshold(source, "UpperThresholdCritical", &limits.lUpperCritical);
-        ReadThreshold(source, "UpperThresholdDefect", &limits.lUpperDefect);
-        ReadThreshold(source, "LowerThresholdNonCritical", &limits.lLowerNonCritical);
-        ReadThreshold(source, "LowerThresholdCritical", &limits.lLowerCritical);
-        ReadThreshold(source, "LowerThresholdDefect", &limits.lLowerDefect);
+        const CSensorThresholds limits = ReadThresholds(source);
 
         const ETemperatureFamily family = GetFamily(lSensorId);
         if (family == ETemperatureFamily::Unsupported)
             RaiseHr(WBEM_E_NOT_SUPPORTED, kName, "Raising exception because of unsupported Temperature sensor", "%d",
                     static_cast<int>(lSensorId));
-        const CTemperatureMessages* pMessages = GetMessages(family);
+        const CSensorMessages* pMessages = GetMessages(family);
         if (!pMessages)
             RaiseHr(WBEM_E_UNKNOWN_OBJECT_TYPE, kName, "Raising exception because unknown Temperature sensor", "%d",
                     static_cast<int>(lSensorId));
 
         unsigned long ulStatus = 1;
         LONG lTextId = 0;
-        Classify(*pMessages, lReading, limits, &ulStatus, &lTextId);
+        ClassifyReading(*pMessages, lReading, limits, &ulStatus, &lTextId);
 
         std::vector<std::wstring> arguments;
         bool bHasArguments = true;
@@ -330,19 +193,8 @@ HRESULT CNotfyTemperature::SetEventType(unsigned long dwStatus)
     CCMethodTrace trace(TRACE_INFO, kName, kEntered, "dwStatus: %lu", dwStatus);
     return trace.Return(CatchHr([&]() -> HRESULT {
         const HRESULT hr = CNotfyBase::SetEventType(dwStatus);
-        if (hr != NOTFY_S_UNCHANGED)
-            return hr;
         // Same status: a different message or a renamed probe is still a change worth reporting.
-        CCVariant relPath;
-        if (FAILED(m_wmi.GetProperty("__RelPath", relPath.GetAddress(), false, 0)) || relPath.Type() != VT_BSTR)
-            return hr;
-        CCWMIAccess stored;
-        stored = static_cast<IWbemServices*>(m_wmi);
-        stored.SetContext(m_context);
-        CCStringConversion path(V_BSTR(&relPath.Get()));
-        if (FAILED(stored.GetObject(path.Convert2A())))
-            return hr;
-        if (Differs(m_wmi, stored, "EventTextId") || Differs(m_wmi, stored, "Name"))
+        if (hr == NOTFY_S_UNCHANGED && StoredDiffers({"EventTextId", "Name"}))
             return S_OK;
         return hr;
     }));
