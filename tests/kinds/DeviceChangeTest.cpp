@@ -36,15 +36,6 @@ struct Cycle {
     size_t uCount = 0;
 };
 
-bool HasNoPut(IWbemClassObject* pObject)
-{
-    ComPtr<IWbemQualifierSet> pQualifiers;
-    CCVariant value;
-    return SUCCEEDED(pObject->GetQualifierSet(pQualifiers.GetAddressOf())) &&
-           SUCCEEDED(pQualifiers->Get(L"NoPut", 0, value.GetAddress(), nullptr)) && value.Type() == VT_BOOL &&
-           V_BOOL(&value.Get()) == VARIANT_TRUE;
-}
-
 std::vector<std::wstring> Arguments(IWbemClassObject* pObject)
 {
     std::vector<std::wstring> result;

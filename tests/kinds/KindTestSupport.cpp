@@ -1,5 +1,7 @@
 #include "KindTestSupport.h"
 
+#include "GlobalTraceLog.h"
+
 #include "access/ComHolders.h"
 #include "framework/CCQuillTrace.h"
 #include "framework/HResultError.h"
@@ -119,4 +121,83 @@ std::wstring GetText(IWbemClassObject* pObject, const wchar_t* wszProperty)
     if (FAILED(pObject->Get(wszProperty, 0, value.GetAddress(), nullptr, nullptr)) || value.Type() != VT_BSTR)
         return L"<none>";
     return V_BSTR(&value.Get());
+}
+
+std::vector<std::wstring> GetTexts(IWbemClassObject* pObject, const wchar_t* wszProperty)
+{
+    CCVariant value;
+    if (FAILED(pObject->Get(wszProperty, 0, value.GetAddress(), nullptr, nullptr)) ||
+        value.Type() != (VT_ARRAY | VT_BSTR))
+        return {L"<none>"};
+    SAFEARRAY* psa = V_ARRAY(value.Ptr());
+    LONG lLower = 0;
+    LONG lUpper = -1;
+    SafeArrayGetLBound(psa, 1, &lLower);
+    SafeArrayGetUBound(psa, 1, &lUpper);
+    std::vector<std::wstring> texts;
+    for (LONG l = lLower; l <= lUpper; ++l) {
+        CCBstr text;
+        SafeArrayGetElement(psa, &l, text.GetAddress());
+        texts.emplace_back(text.Get() ? text.Get() : L"");
+    }
+    return texts;
+}
+
+bool HasNoPut(IWbemClassObject* pObject)
+{
+    Microsoft::WRL::ComPtr<IWbemQualifierSet> pQualifiers;
+    CCVariant value;
+    return SUCCEEDED(pObject->GetQualifierSet(pQualifiers.GetAddressOf())) &&
+           SUCCEEDED(pQualifiers->Get(L"NoPut", 0, value.GetAddress(), nullptr)) && value.Type() == VT_BOOL &&
+           V_BOOL(value.Ptr()) != VARIANT_FALSE;
+}
+
+std::string TraceLevelOf(size_t uMark, const std::string& sMessage)
+{
+    for (const auto& fields : GlobalTraceLog::Get().LinesSince(uMark))
+        if (fields.size() >= 9 && fields[7] == sMessage)
+            return fields[3];
+    return "";
+}
+
+CycleResult KindTest::RunAgentCycle(CNotfyBase& getter, CNotfyBase& deleter)
+{
+    CycleResult result;
+    EXPECT_EQ(InitKind(getter), S_OK);
+    unsigned long ulCount = 0;
+    result.hrGet = getter.GetInstances(nullptr, &ulCount);
+    std::vector<IWbemClassObject*> pointers(ulCount, nullptr);
+    if (ulCount) {
+        EXPECT_EQ(getter.GetInstances(pointers.data(), &ulCount), NOTFY_S_UNCHANGED);
+    }
+    for (IWbemClassObject* pRaw : pointers) {
+        CycleEvent event;
+        TakeOwnership(event.pEvent, pRaw);
+        IWbemClassObject* pEvent = event.pEvent.Get();
+        event.lStatus = GetI4(pEvent, L"EventStatus");
+        event.lTextId = GetI4(pEvent, L"EventTextId");
+        event.lType = GetI4(pEvent, L"EventType");
+        event.bNoPut = HasNoPut(pEvent);
+        event.arguments = GetTexts(pEvent, L"EventTextArguments");
+        EXPECT_EQ(GetI4(pEvent, L"EventId"), static_cast<LONG>(getter.GetNotfyId()));
+        if (!event.bNoPut) {
+            EXPECT_EQ(static_cast<IWbemServices*>(*m_pEvents)
+                          ->PutInstance(pEvent, WBEM_FLAG_CREATE_OR_UPDATE, nullptr, nullptr),
+                      S_OK);
+        }
+        result.events.push_back(std::move(event));
+    }
+    EXPECT_EQ(InitKind(deleter), S_OK);
+    result.hrDelete = deleter.DeleteObsoleteInstances();
+    return result;
+}
+
+std::set<std::wstring> KindTest::StoredTexts(const char* szClass, const wchar_t* wszProperty)
+{
+    std::set<std::wstring> texts;
+    CCWMIAccess access;
+    access = static_cast<IWbemServices*>(*m_pEvents);
+    for (HRESULT hr = access.GetClassInstances(szClass, 0); SUCCEEDED(hr); hr = access.GetNextWMIInstanceInEnumerator())
+        texts.insert(GetText(access, wszProperty));
+    return texts;
 }

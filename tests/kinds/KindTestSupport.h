@@ -7,6 +7,8 @@
 #include "access/CCWMIAccess.h"
 #include "core/CNotfyBase.h"
 
+#include <wrl/client.h>
+
 #include <memory>
 #include <set>
 #include <string>
@@ -41,8 +43,37 @@ public:
     std::vector<HRESULT> m_itemResults;
 };
 
+// What an agent cycle saw of one event; the object stays for reading further properties.
+struct CycleEvent {
+    Microsoft::WRL::ComPtr<IWbemClassObject> pEvent;
+    LONG lStatus;
+    LONG lTextId;
+    LONG lType;
+    bool bNoPut;
+    std::vector<std::wstring> arguments;  // {L"<none>"} when EventTextArguments is not set
+};
+
+struct CycleResult {
+    HRESULT hrGet = E_FAIL;
+    std::vector<CycleEvent> events;  // in the kind's order
+    HRESULT hrDelete = E_FAIL;
+};
+
 class KindTest : public CimStoreTest {
 protected:
+    // One agent cycle, each request on a fresh kind object as the handler does: GetInstances,
+    // PutInstance of every event without NoPut, then DeleteObsoleteInstances.
+    template <class Kind>
+    CycleResult RunAgentCycle()
+    {
+        Kind getter;
+        Kind deleter;
+        return RunAgentCycle(getter, deleter);
+    }
+    CycleResult RunAgentCycle(CNotfyBase& getter, CNotfyBase& deleter);
+    // The values of one text property over the stored instances of szClass.
+    std::set<std::wstring> StoredTexts(const char* szClass, const wchar_t* wszProperty);
+
     void SetUp() override;
     void TearDown() override;
 
@@ -57,3 +88,8 @@ protected:
 // A property of an object as a VARIANT type and value, for checks.
 LONG GetI4(IWbemClassObject* pObject, const wchar_t* wszProperty, VARTYPE* pvt = nullptr);
 std::wstring GetText(IWbemClassObject* pObject, const wchar_t* wszProperty);
+// A VT_ARRAY | VT_BSTR property; {L"<none>"} when it is not such an array.
+std::vector<std::wstring> GetTexts(IWbemClassObject* pObject, const wchar_t* wszProperty);
+bool HasNoPut(IWbemClassObject* pObject);
+// The level word of the first trace line with this message written since uMark, "" when none.
+std::string TraceLevelOf(size_t uMark, const std::string& sMessage);

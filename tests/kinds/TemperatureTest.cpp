@@ -32,44 +32,6 @@ struct Event {
     std::vector<std::wstring> arguments;  // {L"<none>"} when EventTextArguments is not set
 };
 
-std::vector<std::wstring> GetTexts(IWbemClassObject* pObject, const wchar_t* wszProperty)
-{
-    CCVariant value;
-    if (FAILED(pObject->Get(wszProperty, 0, value.GetAddress(), nullptr, nullptr)) ||
-        value.Type() != (VT_ARRAY | VT_BSTR))
-        return {L"<none>"};
-    SAFEARRAY* psa = V_ARRAY(value.Ptr());
-    LONG lLower = 0;
-    LONG lUpper = -1;
-    SafeArrayGetLBound(psa, 1, &lLower);
-    SafeArrayGetUBound(psa, 1, &lUpper);
-    std::vector<std::wstring> texts;
-    for (LONG l = lLower; l <= lUpper; ++l) {
-        CCBstr text;
-        SafeArrayGetElement(psa, &l, text.GetAddress());
-        texts.emplace_back(text.Get() ? text.Get() : L"");
-    }
-    return texts;
-}
-
-bool HasNoPut(IWbemClassObject* pObject)
-{
-    ComPtr<IWbemQualifierSet> pQualifiers;
-    CCVariant value;
-    return SUCCEEDED(pObject->GetQualifierSet(pQualifiers.GetAddressOf())) &&
-           SUCCEEDED(pQualifiers->Get(L"NoPut", 0, value.GetAddress(), nullptr)) && value.Type() == VT_BOOL &&
-           V_BOOL(value.Ptr()) != VARIANT_FALSE;
-}
-
-// The level of the first line with this message written since uMark, or "" when there is none.
-std::string LevelOf(size_t uMark, const std::string& sMessage)
-{
-    for (const auto& fields : GlobalTraceLog::Get().LinesSince(uMark))
-        if (fields.size() >= 9 && fields[7] == sMessage)
-            return fields[3];
-    return "";
-}
-
 class TemperatureTest : public KindTest {
 protected:
     void SetUp() override
@@ -237,7 +199,7 @@ TEST_F(TemperatureTest, AgentCyclesReportChangesMarkTheUnchangedAndDeleteTheRemo
     EXPECT_EQ(StoredProbes(), (std::set<std::wstring>{L"Bay", L"CPU", L"Disk", L"GPU"}));
 
     // The bad probes were skipped, each for its own reason, the warnings only for real errors.
-    EXPECT_EQ(LevelOf(uMark, "Raising exception because sensor not supported."), "Info");
+    EXPECT_EQ(TraceLevelOf(uMark, "Raising exception because sensor not supported."), "Info");
     EXPECT_TRUE(GlobalTraceLog::Get().Contains(uMark, "Raising exception because unknown Temperature sensor", "2"));
     EXPECT_TRUE(
         GlobalTraceLog::Get().Contains(uMark, "Raising exception because of unsupported Temperature sensor", "-1"));
@@ -332,7 +294,7 @@ TEST_F(TemperatureTest, HardDiskProbesNeedAnExplicitFalseOnKmTemperature)
         EXPECT_EQ(events.size(), c.bReported ? 4u : 3u);
         EXPECT_EQ(GlobalTraceLog::Get().Contains(uMark, "HDD sensor deactivated"), !c.bReported);
         if (!c.bReported) {
-            EXPECT_EQ(LevelOf(uMark,
+            EXPECT_EQ(TraceLevelOf(uMark,
                               "Raising exception because SetCommonData returned WBEM_S_SOURCE_NOT_AVAILABLE."),
                       "Info");
         }
@@ -348,7 +310,7 @@ TEST_F(TemperatureTest, EmptyQuerySucceedsAndAFailedQueryFails)
         ASSERT_EQ(InitKind(kind), S_OK);
         EXPECT_EQ(kind.GetInstances(nullptr, &ulCount), S_OK);
         EXPECT_EQ(ulCount, 0u);
-        EXPECT_EQ(LevelOf(uMark, "Query did not return data. Continue with success."), "Verbose");
+        EXPECT_EQ(TraceLevelOf(uMark, "Query did not return data. Continue with success."), "Verbose");
     }
     ASSERT_EQ(CimStoreInjectFault(L"ExecQuery", nullptr, 0, WBEM_E_ACCESS_DENIED), S_OK);
     uMark = GlobalTraceLog::Get().Mark();
