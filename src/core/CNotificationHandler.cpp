@@ -8,7 +8,9 @@
 #include "framework/HResultError.h"
 #include "notifications/inventory/CNotfyDeviceChange.h"
 #include "notifications/inventory/CNotfyVideoAdapterChange.h"
+#include "notifications/sensors/CNotfyFanMonitoring.h"
 #include "notifications/sensors/CNotfyTemperature.h"
+#include "notifications/sensors/CNotfyVoltage.h"
 
 #include <cstdint>
 #include <new>
@@ -60,9 +62,9 @@ const std::array<CNotificationHandler::KindEntry, 20>& CNotificationHandler::Kin
         {2, "CNotfyCoverOpening", nullptr},
         {3, "CNotfyCoverSensor", nullptr},
         {7, "CNotfyTemperature", &CreateKind<CNotfyTemperature>},
-        {8, "CNotfyFanMonitoring", nullptr},
+        {8, "CNotfyFanMonitoring", &CreateKind<CNotfyFanMonitoring>},
         {9, "CNotfyFanDeterioration", nullptr},
-        {11, "CNotfyVoltage", nullptr},
+        {11, "CNotfyVoltage", &CreateKind<CNotfyVoltage>},
         {21, "CNotfyHardDisksFreeSpaceData", nullptr},
         {22, "CNotfyMemoryChange", nullptr},
         {23, "CNotfyDeviceChange", &CreateKind<CNotfyDeviceChange>},

@@ -1,0 +1,63 @@
+#include "notifications/sensors/CNotfyCoverBase.h"
+
+#include "core/EventValues.h"
+
+#include "access/CCStringConversion.h"
+#include "access/ComHolders.h"
+#include "framework/CCQuillTrace.h"
+#include "framework/HResultError.h"
+
+HRESULT CNotfyCoverBase::DeleteObsoleteFirstInstance(const char* szQualifiedName, EMissingPath missingPath,
+                                                     const std::function<bool(CCWMIAccess& live)>& isLiveObsolete)
+{
+    constexpr char kNoPath[] = "Raising exception because Could not get the Path of the referenced object.";
+    return CatchHr([&]() -> HRESULT {
+        CCWMIAccess stored;
+        stored = static_cast<IWbemServices*>(m_wmi);
+        stored.SetContext(m_context);
+        if (FAILED(stored.GetClassInstances(m_sEventClassName.c_str(), 0))) {
+            GetTrace().TraceMsg(TRACE_VERBOSE, szQualifiedName, "Internal", "No instances to delete. ", "");
+            return S_OK;
+        }
+        CCVariant object;
+        HRESULT hr = stored.GetProperty("Object", object.GetAddress(), false, 0);
+        if (SUCCEEDED(hr) && object.Type() == VT_BSTR && V_BSTR(&object.Get())) {
+            CCWMIAccess live;
+            live.SetContext(m_context);
+            hr = live.ConnectToNamespace(m_sReferencedNamespace.c_str(), -1, nullptr);
+            RaiseIfFailed(hr, szQualifiedName, kNoPath);
+            hr = GetObjectAt(live, V_BSTR(&object.Get()));
+            if (hr != static_cast<HRESULT>(WBEM_E_NOT_FOUND))
+                RaiseIfFailed(hr, szQualifiedName, "Raising exception because error getting referenced object.");
+            if (FAILED(hr) || isLiveObsolete(live))
+                Append(m_obsoleteList, stored);
+        } else if (missingPath == EMissingPath::EndWithSkip) {
+            GetTrace().TraceMsg(TRACE_WARNING, szQualifiedName, "Exception", kNoPath, "hr 0x%X",
+                                static_cast<unsigned>(hr));
+            return NOTFY_S_SKIP;
+        }
+        return DeleteInstancesInList();
+    });
+}
+
+HRESULT CNotfyCoverBase::ReadBool(CCWMIAccess& access, const char* szProperty, bool* pbValue)
+{
+    CCVariant value;
+    const HRESULT hr = access.GetProperty(szProperty, value.GetAddress(), false, 0);
+    if (FAILED(hr))
+        return hr;
+    if (value.Type() != VT_BOOL)
+        return WBEM_E_TYPE_MISMATCH;
+    *pbValue = V_BOOL(&value.Get()) != VARIANT_FALSE;
+    return hr;
+}
+
+HRESULT CNotfyCoverBase::GetObjectAt(CCWMIAccess& access, const wchar_t* wszPath)
+{
+    CCStringConversion path(wszPath);
+    const char* szPath = path.Convert2A();
+    // A null path would fetch an empty class object instead of failing.
+    if (!szPath)
+        return WBEM_E_INVALID_OBJECT_PATH;
+    return access.GetObject(szPath);
+}

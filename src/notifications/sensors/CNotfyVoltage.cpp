@@ -1,0 +1,98 @@
+#include "notifications/sensors/CNotfyVoltage.h"
+
+#include "access/ComHolders.h"
+#include "core/EventValues.h"
+#include "framework/CCMethodTrace.h"
+#include "framework/HResultError.h"
+
+namespace {
+
+constexpr char kEntered[] = "has been entered.";
+constexpr LONG kUnsupportedSensor = -1;
+constexpr LONG kVoltageSensor = 1;
+
+}  // namespace
+
+CNotfyVoltage::CNotfyVoltage()
+{
+    m_ulNotfyId = kNotfyId;
+    m_sEventClassName = "KM_Voltage_Static";
+    m_sAuxiliary = "select * from COXL_VoltageProbe";
+    GetTrace().TraceMsg(TRACE_INFO, "CNotfyVoltage::CNotfyVoltage", "Internal",
+                        "An instance of CNotfyVoltage has been created.", "");
+}
+
+CNotfyVoltage::~CNotfyVoltage()
+{
+    GetTrace().TraceMsg(TRACE_INFO, "CNotfyVoltage::~CNotfyVoltage", "Internal",
+                        "An instance of CNotfyVoltage has been destroyed.", "");
+}
+
+HRESULT CNotfyVoltage::RetrieveInstances()
+{
+    constexpr char kName[] = "CNotfyVoltage::RetrieveInstances";
+    CCMethodTrace trace(TRACE_INFO, kName, kEntered);
+    const CEventStepTexts texts;
+    return trace.Return(ForEachSourceInstance(kName, m_sReferencedNamespace.c_str(), m_sAuxiliary.c_str(),
+                                              [&](CCWMIAccess& source) {
+        BeginEvent(source, texts, kName);
+        const HRESULT hrData = SetEventData(source);
+        RaiseIfFailed(hrData, kName, texts.szSetEventData);
+        CompleteEvent(hrData, kName, texts);
+    }));
+}
+
+HRESULT CNotfyVoltage::SetEventData(CCWMIAccess& source)
+{
+    constexpr char kName[] = "CNotfyVoltage::SetEventData";
+    CCMethodTrace trace(TRACE_INFO, kName, kEntered);
+    return trace.Return(CatchHr([&]() -> HRESULT {
+        CCVariant name;
+        HRESULT hr = source.GetProperty("Name", name.GetAddress(), false, 0);
+        if (SUCCEEDED(hr) && name.Type() != VT_BSTR)
+            hr = WBEM_E_TYPE_MISMATCH;
+        RaiseIfFailed(hr, kName, "Raising exception because error getting 'Name' property");
+        RaiseIfFailed(m_wmi.SetProperty("Name", name.Ptr()), kName, "Raising exception because SetProperty on 'Name' failed");
+
+        LONG lSensorId = 0;
+        RaiseIfFailed(ReadI4(source, "SensorId", &lSensorId), kName,
+                      "Raising exception because error getting 'SensorId' property");
+        RaiseIfFailed(PutI4(m_wmi, "SensorId", lSensorId), kName,
+                      "Raising exception because SetProperty on 'SensorId' failed");
+
+        LONG lReading = 0;
+        RaiseIfFailed(ReadI4(source, "CurrentReading", &lReading), kName,
+                      "Raising exception because Could not get the current value!");
+        const CSensorThresholds limits = ReadThresholds(source);
+
+        if (lSensorId == kUnsupportedSensor)
+            RaiseHr(WBEM_E_NOT_SUPPORTED, kName, "Raising exception because of unsupported Voltage sensor", "%d",
+                    static_cast<int>(lSensorId));
+        if (lSensorId != kVoltageSensor)
+            RaiseHr(WBEM_E_UNKNOWN_OBJECT_TYPE, kName, "Raising exception because of unknown Voltage sensor", "%d",
+                    static_cast<int>(lSensorId));
+
+        unsigned long ulStatus = 1;
+        LONG lTextId = 0;
+        ClassifyReading(kMessages, lReading, limits, &ulStatus, &lTextId);
+
+        RaiseIfFailed(PutI4(m_wmi, "EventStatus", static_cast<LONG>(ulStatus)), kName,
+                      "Raising exception because SetProperty on 'EventStatus' failed");
+        RaiseIfFailed(PutI4(m_wmi, "EventTextId", lTextId), kName,
+                      "Raising exception because SetProperty on 'EventTextId' failed");
+        return SetEventType(ulStatus);
+    }));
+}
+
+HRESULT CNotfyVoltage::SetEventType(unsigned long dwStatus)
+{
+    constexpr char kName[] = "CNotfyVoltage::SetEventType";
+    CCMethodTrace trace(TRACE_INFO, kName, kEntered, "dwStatus: %lu", dwStatus);
+    return trace.Return(CatchHr([&]() -> HRESULT {
+        const HRESULT hr = CNotfyBase::SetEventType(dwStatus);
+        // Same status with another message is still news; a renamed probe is not.
+        if (hr == NOTFY_S_UNCHANGED && StoredDiffers({"EventTextId"}))
+            return S_OK;
+        return hr;
+    }));
+}
