@@ -1,35 +1,12 @@
 #include "cimstore/com/CimLocator.h"
 
 #include "cimstore/com/CimServices.h"
+#include "cimstore/com/PlatformWmi.h"
 #include "cimstore/com/StoreState.h"
 
 #include <wrl/client.h>
 
 namespace cimstore::com {
-
-namespace {
-
-using GetClassObjectFn = HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, void**);
-
-// The platform's own locator, loaded directly from its DLL: the registry may name us for it.
-HRESULT CreatePlatformLocator(IWbemLocator** ppLocator)
-{
-    static HMODULE s_hWbemProx = LoadLibraryW(L"wbemprox.dll");  // kept for the life of the process
-    if (!s_hWbemProx)
-        return Hr(WBEM_E_INVALID_NAMESPACE);
-    const auto pfnGetClassObject =
-        reinterpret_cast<GetClassObjectFn>(reinterpret_cast<void*>(GetProcAddress(s_hWbemProx, "DllGetClassObject")));
-    if (!pfnGetClassObject)
-        return Hr(WBEM_E_INVALID_NAMESPACE);
-    Microsoft::WRL::ComPtr<IClassFactory> pFactory;
-    HRESULT hr = pfnGetClassObject(CLSID_WbemLocator, IID_IClassFactory,
-                                   reinterpret_cast<void**>(pFactory.GetAddressOf()));
-    if (FAILED(hr))
-        return hr;
-    return pFactory->CreateInstance(nullptr, IID_IWbemLocator, reinterpret_cast<void**>(ppLocator));
-}
-
-}  // namespace
 
 HRESULT CimLocator::QueryInterface(REFIID riid, void** ppv)
 {

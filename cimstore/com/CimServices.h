@@ -1,8 +1,9 @@
-// IWbemServices over one namespace of the repository; IClientSecurity so that
-// CoSetProxyBlanket succeeds on it.
+// IWbemServices over one namespace of the repository; reads of classes the repository does not
+// define go to the platform's WMI. IClientSecurity so that CoSetProxyBlanket succeeds on it.
 #pragma once
 
 #include "cimstore/com/ComBase.h"
+#include "cimstore/com/PlatformWmi.h"
 
 #include <wbemcli.h>
 
@@ -77,10 +78,13 @@ public:
                                               IWbemObjectSink* pResponseHandler) override;
 
 private:
-    explicit CimServices(std::wstring wsNamespace) : m_wsNamespace(std::move(wsNamespace)) {}
+    explicit CimServices(std::wstring wsNamespace) : m_wsNamespace(std::move(wsNamespace)), m_platform(m_wsNamespace)
+    {
+    }
     ~CimServices() = default;
 
-    std::wstring m_wsNamespace;
+    const std::wstring m_wsNamespace;
+    PlatformNamespace m_platform;
 };
 
 }  // namespace cimstore::com

@@ -8,7 +8,9 @@
 #include "notifications/inventory/CNotfyLeaseExpiration.h"
 #include "notifications/inventory/CNotfyMemoryChange.h"
 
+#include <cstring>
 #include <ctime>
+#include <iterator>
 #include <map>
 #include <set>
 #include <string>
@@ -158,7 +160,8 @@ TEST_F(MeasuredValuesTest, FreeSpaceCyclesReportTheChangeAndDeleteTheRemovedDisk
     EXPECT_FALSE(events[L"D:"].bNoPut);
     EXPECT_TRUE(events[L"E:"].bNoPut);
 
-    ASSERT_NO_FATAL_FAILURE(LoadMof(L"#pragma deleteinstance(\"Win32_LogicalDisk.DeviceID=\\\"E:\\\"\", NOFAIL)", kCimv2));
+    ASSERT_NO_FATAL_FAILURE(
+        LoadMof(L"#pragma deleteinstance(\"Win32_LogicalDisk.DeviceID=\\\"E:\\\"\", NOFAIL)", kCimv2));
     const CycleResult cycle = RunAgentCycle<CNotfyHardDisksFreeSpaceData>();
     EXPECT_EQ(cycle.hrDelete, S_OK);
     EXPECT_EQ(cycle.events.size(), 1u);
@@ -228,7 +231,8 @@ TEST_F(MeasuredValuesTest, MemoryWithoutAnOperatingSystemFailsAndABadOneIsSkippe
     EXPECT_EQ(cycle.hrGet, S_OK);
     ASSERT_EQ(cycle.events.size(), 1u);
     EXPECT_EQ(GetText(cycle.events[0].pEvent.Get(), L"Object"), L"Win32_OperatingSystem.Name=\"Windows\"");
-    EXPECT_TRUE(GlobalTraceLog::Get().Contains(uMark, "Raising exception because Could not get the current memory size"));
+    EXPECT_TRUE(
+        GlobalTraceLog::Get().Contains(uMark, "Raising exception because Could not get the current memory size"));
 }
 
 // The lease kind with its clock set by the test.
@@ -247,11 +251,14 @@ TEST_F(MeasuredValuesTest, LeaseStatusAgainstLeaseEndAndWarningPeriod)
 {
     constexpr __int64 kEnd = 1767225600;  // 2026-01-01 00:00:00 UTC
     constexpr __int64 kWarn = kEnd - 30 * 86400;
-    const std::wstring wsEnd = std::to_wstring(kEnd);
-    const std::wstring wsBoth = L"instance of KM_Filter { Id = 57; HighCritical = \"" + wsEnd + L"\"; HighWarning = \"30\"; };";
-    const std::wstring wsEndOnly = L"instance of KM_Filter { Id = 57; HighCritical = \"" + wsEnd + L"\"; };";
-    const std::wstring wsWrapping =
-        L"instance of KM_Filter { Id = 57; HighCritical = \"" + wsEnd + L"\"; HighWarning = \"49711\"; };";
+    // The lease end with an optional warning period in days.
+    const auto filter = [](const std::wstring& wsWarning) {
+        return L"instance of KM_Filter { Id = 57; HighCritical = \"" + std::to_wstring(kEnd) + L"\"; " +
+               (wsWarning.empty() ? L"" : L"HighWarning = \"" + wsWarning + L"\"; ") + L"};";
+    };
+    const std::wstring wsBoth = filter(L"30");
+    const std::wstring wsEndOnly = filter(L"");
+    const std::wstring wsWrapping = filter(L"49711");
     const struct {
         std::wstring wsFilter;
         __int64 llNow;

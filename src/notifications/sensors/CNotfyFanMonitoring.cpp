@@ -2,6 +2,7 @@
 
 #include "access/ComHolders.h"
 #include "core/EventValues.h"
+#include "notifications/sensors/SensorReadings.h"
 #include "framework/CCMethodTrace.h"
 #include "framework/HResultError.h"
 
@@ -25,13 +26,6 @@ constexpr CFanMessages kNumberedFans[] = {
 };
 constexpr CFanMessages kFamily1000 = {8711, 8712};
 constexpr CFanMessages kFamily2000 = {8701, 8702};
-
-// SensorId minus the family's base, wrapping in 32 bits like the register it came from: the
-// smallest negative ids of the 0x1000 family would otherwise overflow.
-LONG FamilyIndex(LONG lSensorId, ULONG ulBase)
-{
-    return static_cast<LONG>(static_cast<ULONG>(lSensorId) - ulBase);
-}
 
 }  // namespace
 
@@ -58,10 +52,10 @@ bool CNotfyFanMonitoring::ClassifyFan(LONG lSensorId, bool bFanFault, CFanState*
     LONG lIndex = 0;
     if (lSensorId & kFamily1000Bit) {
         pMessages = &kFamily1000;
-        lIndex = FamilyIndex(lSensorId, 0x1001);
+        lIndex = SensorIndex(lSensorId, 0x1001);
     } else if (lSensorId & kFamily2000Bit) {
         pMessages = &kFamily2000;
-        lIndex = FamilyIndex(lSensorId, 0x2000);
+        lIndex = SensorIndex(lSensorId, 0x2000);
     } else if (lSensorId >= 1 && lSensorId <= static_cast<LONG>(std::size(kNumberedFans))) {
         pMessages = &kNumberedFans[lSensorId - 1];
         bHasIndex = false;

@@ -163,10 +163,10 @@ HRESULT CNotfyTemperature::SetEventData(CCWMIAccess& source)
         bool bHasArguments = true;
         switch (family) {
         case ETemperatureFamily::GraphicCard:
-            arguments.push_back(std::to_wstring(lSensorId - 0x1001));
+            arguments.push_back(std::to_wstring(SensorIndex(lSensorId, 0x1001)));
             break;
         case ETemperatureFamily::IndexedProbe:
-            arguments.push_back(std::to_wstring(lSensorId - 0x100));
+            arguments.push_back(std::to_wstring(SensorIndex(lSensorId, 0x100)));
             break;
         case ETemperatureFamily::HardDisk:
             arguments = SplitArguments(wsDescription);

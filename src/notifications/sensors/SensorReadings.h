@@ -34,3 +34,10 @@ CSensorThresholds ReadThresholds(CCWMIAccess& source);
 // hit overriding the earlier ones; the limits are inclusive.
 void ClassifyReading(const CSensorMessages& messages, LONG lReading, const CSensorThresholds& limits,
                      unsigned long* pulStatus, LONG* plTextId);
+
+// The index argument of a sensor family: SensorId minus the family's base, wrapping in 32 bits
+// like the register it came from, so the most negative ids cannot overflow.
+inline LONG SensorIndex(LONG lSensorId, ULONG ulBase)
+{
+    return static_cast<LONG>(static_cast<ULONG>(lSensorId) - ulBase);
+}
