@@ -6,8 +6,11 @@
 #include "core/CNotfySimulation.h"
 #include "framework/CCMethodTrace.h"
 #include "framework/HResultError.h"
+#include "notifications/inventory/CNotfyBiosSettingsChange.h"
 #include "notifications/inventory/CNotfyDeviceChange.h"
 #include "notifications/inventory/CNotfyVideoAdapterChange.h"
+#include "notifications/sensors/CNotfyCoverOpening.h"
+#include "notifications/sensors/CNotfyCoverSensor.h"
 #include "notifications/sensors/CNotfyFanMonitoring.h"
 #include "notifications/sensors/CNotfyTemperature.h"
 #include "notifications/sensors/CNotfyVoltage.h"
@@ -59,8 +62,8 @@ const std::array<CNotificationHandler::KindEntry, 20>& CNotificationHandler::Kin
     // Kinds not yet part of this build have no factory.
     static const std::array<KindEntry, 20> s_table = {{
         {1, "CNotfyHardDisksSMART", nullptr},
-        {2, "CNotfyCoverOpening", nullptr},
-        {3, "CNotfyCoverSensor", nullptr},
+        {2, "CNotfyCoverOpening", &CreateKind<CNotfyCoverOpening>},
+        {3, "CNotfyCoverSensor", &CreateKind<CNotfyCoverSensor>},
         {7, "CNotfyTemperature", &CreateKind<CNotfyTemperature>},
         {8, "CNotfyFanMonitoring", &CreateKind<CNotfyFanMonitoring>},
         {9, "CNotfyFanDeterioration", nullptr},
@@ -75,7 +78,7 @@ const std::array<CNotificationHandler::KindEntry, 20>& CNotificationHandler::Kin
         {60, "CNotfyDisplayChange", nullptr},
         {61, "CNotfyServiceMonitoring", nullptr},
         {62, "CNotfyAutoStartMonitoring", nullptr},
-        {63, "CNotfyBiosSettingsChange", nullptr},
+        {63, "CNotfyBiosSettingsChange", &CreateKind<CNotfyBiosSettingsChange>},
         {64, "CNotfyVideoAdapterChange", &CreateKind<CNotfyVideoAdapterChange>},
         {65, "CNotfyPhysicalHDDChange", nullptr},
     }};

@@ -127,7 +127,7 @@ TEST_F(CoverTest, SensorCyclesReportClosedOnceAndLoseTheReferenceWhenOpen)
         if (!c.wszReading) {
             ASSERT_NO_FATAL_FAILURE(
                 LoadMof(L"#pragma deleteinstance(\"COXL_IntrusionSwitch.DeviceID=\\\"Case\\\"\", NOFAIL)", kCimv2));
-        } else if (&c != cycles) {
+        } else {
             ASSERT_NO_FATAL_FAILURE(SetSwitch(L"Case", c.wszReading));
         }
         std::map<std::wstring, std::vector<CycleEvent>> events = Cycle<CNotfyCoverSensor>();
