@@ -8,6 +8,9 @@
 #include "framework/HResultError.h"
 #include "notifications/inventory/CNotfyBiosSettingsChange.h"
 #include "notifications/inventory/CNotfyDeviceChange.h"
+#include "notifications/inventory/CNotfyHardDisksFreeSpace.h"
+#include "notifications/inventory/CNotfyLeaseExpiration.h"
+#include "notifications/inventory/CNotfyMemoryChange.h"
 #include "notifications/inventory/CNotfyVideoAdapterChange.h"
 #include "notifications/sensors/CNotfyCoverOpening.h"
 #include "notifications/sensors/CNotfyCoverSensor.h"
@@ -68,11 +71,11 @@ const std::array<CNotificationHandler::KindEntry, 20>& CNotificationHandler::Kin
         {8, "CNotfyFanMonitoring", &CreateKind<CNotfyFanMonitoring>},
         {9, "CNotfyFanDeterioration", nullptr},
         {11, "CNotfyVoltage", &CreateKind<CNotfyVoltage>},
-        {21, "CNotfyHardDisksFreeSpaceData", nullptr},
-        {22, "CNotfyMemoryChange", nullptr},
+        {21, "CNotfyHardDisksFreeSpaceData", &CreateKind<CNotfyHardDisksFreeSpaceData>},
+        {22, "CNotfyMemoryChange", &CreateKind<CNotfyMemoryChange>},
         {23, "CNotfyDeviceChange", &CreateKind<CNotfyDeviceChange>},
-        {56, "CNotfyHardDisksFreeSpaceSystem", nullptr},
-        {57, "CNotfyLeaseExpiration", nullptr},
+        {56, "CNotfyHardDisksFreeSpaceSystem", &CreateKind<CNotfyHardDisksFreeSpaceSystem>},
+        {57, "CNotfyLeaseExpiration", &CreateKind<CNotfyLeaseExpiration>},
         {58, "CNotfyProcessorChange", nullptr},
         {59, "CNotfySimulation", &CreateKind<CNotfySimulation>},
         {60, "CNotfyDisplayChange", nullptr},

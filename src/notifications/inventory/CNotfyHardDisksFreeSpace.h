@@ -15,13 +15,12 @@ public:
     // The disk is the current object of disk.
     HRESULT SetEventData(CCWMIAccess& disk);
 
-    // The query on Win32_LogicalDisk; empty when the system drive could not be found.
-    const std::string& GetDataQuery() const { return m_sAuxiliary; }
     // "C:" of "C:\Windows\system32"; empty when the directory does not start with a drive.
     static std::string GetSystemDrive(const char* szSystemDirectory);
 
 protected:
-    // szQueryTemplate holds one %s for the system drive.
+    // szQueryTemplate holds one %s for the system drive. The query goes into the auxiliary string
+    // and stays empty when the system drive cannot be found, so that every cycle fails on it.
     CNotfyHardDisksFreeSpace(const char* szKindName, unsigned long ulNotfyId, const char* szEventClass,
                              const char* szQueryTemplate);
 

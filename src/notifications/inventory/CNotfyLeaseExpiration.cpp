@@ -5,6 +5,7 @@
 #include "framework/CCMethodTrace.h"
 #include "framework/HResultError.h"
 
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -16,7 +17,7 @@ constexpr char kRetrieve[] = "CNotfyLeaseExpiration::RetrieveInstances";
 constexpr char kSetEventData[] = "CNotfyLeaseExpiration::SetEventData";
 
 constexpr LONGLONG kNoLeaseEnd = -1;  // all bits set: no HighCritical stored
-constexpr unsigned long kSecondsPerDay = 86400;
+constexpr std::uint32_t kSecondsPerDay = 86400;
 
 }  // namespace
 
@@ -87,7 +88,7 @@ HRESULT CNotfyLeaseExpiration::SetEventData()
             // The period is multiplied in 32 bits and wraps above 49,710 days (136 years), which no
             // lease reaches. A lease end that localtime accepts is not negative, so the subtraction
             // cannot overflow.
-            const unsigned long ulWarningSeconds = static_cast<unsigned long>(llWarningDays) * kSecondsPerDay;
+            const std::uint32_t ulWarningSeconds = static_cast<std::uint32_t>(llWarningDays) * kSecondsPerDay;
             const LONGLONG llWarningStart = llLeaseEnd - static_cast<LONGLONG>(ulWarningSeconds);
             const LONGLONG llNow = GetCurrentTime64();
             lTextId = 57001;

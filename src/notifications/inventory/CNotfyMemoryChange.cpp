@@ -59,10 +59,11 @@ HRESULT CNotfyMemoryChange::SetEventData(CCWMIAccess& os)
         CCVariant size;
         HRESULT hr = os.GetProperty("TotalVisibleMemorySize", size.GetAddress(), false, 0);
         ULONGLONG ullKilobytes = 0;
-        if (SUCCEEDED(hr) &&
-            (size.Type() != VT_BSTR ||
-             !ParseDecimalU64(std::wstring(V_BSTR(&size.Get()) ? V_BSTR(&size.Get()) : L""), &ullKilobytes)))
-            hr = WBEM_E_TYPE_MISMATCH;
+        if (SUCCEEDED(hr)) {
+            const BSTR bstrSize = size.Type() == VT_BSTR ? V_BSTR(&size.Get()) : nullptr;
+            if (!bstrSize || !ParseDecimalU64(std::wstring(bstrSize, SysStringLen(bstrSize)), &ullKilobytes))
+                hr = WBEM_E_TYPE_MISMATCH;
+        }
         RaiseIfFailed(hr, kSetEventData, "Raising exception because Could not get the current memory size");
         const unsigned long ulCurrent = static_cast<unsigned long>(ullKilobytes / 1024);
         RaiseIfFailed(m_wmi.SetProperty("CurrentSize", size.Ptr()), kSetEventData,
