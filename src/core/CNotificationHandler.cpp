@@ -8,9 +8,12 @@
 #include "framework/HResultError.h"
 #include "notifications/inventory/CNotfyBiosSettingsChange.h"
 #include "notifications/inventory/CNotfyDeviceChange.h"
+#include "notifications/inventory/CNotfyDisplayChange.h"
 #include "notifications/inventory/CNotfyHardDisksFreeSpace.h"
 #include "notifications/inventory/CNotfyLeaseExpiration.h"
 #include "notifications/inventory/CNotfyMemoryChange.h"
+#include "notifications/inventory/CNotfyPhysicalHDDChange.h"
+#include "notifications/inventory/CNotfyProcessorChange.h"
 #include "notifications/inventory/CNotfyVideoAdapterChange.h"
 #include "notifications/sensors/CNotfyCoverOpening.h"
 #include "notifications/sensors/CNotfyCoverSensor.h"
@@ -76,14 +79,14 @@ const std::array<CNotificationHandler::KindEntry, 20>& CNotificationHandler::Kin
         {23, "CNotfyDeviceChange", &CreateKind<CNotfyDeviceChange>},
         {56, "CNotfyHardDisksFreeSpaceSystem", &CreateKind<CNotfyHardDisksFreeSpaceSystem>},
         {57, "CNotfyLeaseExpiration", &CreateKind<CNotfyLeaseExpiration>},
-        {58, "CNotfyProcessorChange", nullptr},
+        {58, "CNotfyProcessorChange", &CreateKind<CNotfyProcessorChange>},
         {59, "CNotfySimulation", &CreateKind<CNotfySimulation>},
-        {60, "CNotfyDisplayChange", nullptr},
+        {60, "CNotfyDisplayChange", &CreateKind<CNotfyDisplayChange>},
         {61, "CNotfyServiceMonitoring", nullptr},
         {62, "CNotfyAutoStartMonitoring", nullptr},
         {63, "CNotfyBiosSettingsChange", &CreateKind<CNotfyBiosSettingsChange>},
         {64, "CNotfyVideoAdapterChange", &CreateKind<CNotfyVideoAdapterChange>},
-        {65, "CNotfyPhysicalHDDChange", nullptr},
+        {65, "CNotfyPhysicalHDDChange", &CreateKind<CNotfyPhysicalHDDChange>},
     }};
     return s_table;
 }
