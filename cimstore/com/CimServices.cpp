@@ -18,18 +18,23 @@ std::wstring Text(const BSTR bstr)
     return bstr ? std::wstring(bstr) : std::wstring();
 }
 
-// The class a query reads, for fault matching; empty when the query does not parse.
-std::wstring QueryClass(const std::wstring& wsQuery)
+struct QueryTarget {
+    std::wstring wsClass;  // empty when the query does not parse
+    bool bSelect = false;
+};
+
+// The class a query reads, for fault matching and delegation.
+QueryTarget QueryClass(const std::wstring& wsQuery)
 {
     WqlQuery query;
     if (FAILED(ParseWql(wsQuery, query)))
-        return std::wstring();
+        return {};
     if (query.kind == WqlQuery::Kind::Select)
-        return query.className;
+        return {query.className, true};
     ObjectPath source;
     if (SUCCEEDED(ParseObjectPath(query.sourcePath, source)))
-        return source.className;
-    return std::wstring();
+        return {source.className, false};
+    return {};
 }
 
 std::wstring PathClass(const std::wstring& wsPath)
@@ -42,6 +47,34 @@ void ClearCallResult(IWbemCallResult** ppCallResult)
 {
     if (ppCallResult)
         *ppCallResult = nullptr;
+}
+
+// A class that a namespace of the repository lacks is the platform's: GetClass answers
+// WBEM_E_NOT_FOUND only when the namespace exists and the class does not.
+bool IsPlatformClass(const CimRepository& repository, std::wstring_view wsNamespace, std::wstring_view wsClass)
+{
+    CimClassPtr cls;
+    return !wsClass.empty() && repository.GetClass(wsNamespace, wsClass, cls) == Hr(WBEM_E_NOT_FOUND);
+}
+
+bool IsInNamespace(const ObjectPath& path, const std::wstring& wsNamespace)
+{
+    return path.ns.empty() || EqualsNoCase(NormalizeNamespace(path.ns), wsNamespace);
+}
+
+// Wine reads relative paths only; the first ':' ends the namespace part when there is one.
+std::wstring RelativePart(const std::wstring& wsPath, const ObjectPath& path)
+{
+    return path.ns.empty() ? wsPath : wsPath.substr(wsPath.find(L':') + 1);
+}
+
+// A text system property of an object that is not CimStore's, such as one from the platform.
+std::wstring ForeignText(IWbemClassObject* pObject, const wchar_t* wszName)
+{
+    CCVariant value;
+    if (FAILED(pObject->Get(wszName, 0, value.GetAddress(), nullptr, nullptr)) || value.Type() != VT_BSTR)
+        return std::wstring();
+    return Text(V_BSTR(&value.Get()));
 }
 
 }  // namespace
@@ -123,7 +156,7 @@ HRESULT CimServices::QueryObjectSink(long, IWbemObjectSink** ppResponseHandler)
     return Hr(WBEM_E_NOT_SUPPORTED);
 }
 
-HRESULT CimServices::GetObject(const BSTR strObjectPath, long, IWbemContext* pCtx, IWbemClassObject** ppObject,
+HRESULT CimServices::GetObject(const BSTR strObjectPath, long lFlags, IWbemContext* pCtx, IWbemClassObject** ppObject,
                                IWbemCallResult** ppCallResult)
 {
     ClearCallResult(ppCallResult);
@@ -144,6 +177,8 @@ HRESULT CimServices::GetObject(const BSTR strObjectPath, long, IWbemContext* pCt
         if (FAILED(hr))
             return hr;
         CimRepository& repository = state.Repository();
+        if (IsInNamespace(path, m_wsNamespace) && IsPlatformClass(repository, m_wsNamespace, path.className))
+            return m_platform.GetObject(RelativePart(wsPath, path), lFlags, pCtx, ppObject, ppCallResult);
         const std::wstring wsNamespace = path.ns.empty() ? m_wsNamespace : path.ns;
         if (path.IsClassPath()) {
             CimClassPtr cls;
@@ -210,16 +245,32 @@ HRESULT CimServices::PutInstance(IWbemClassObject* pInst, long lFlags, IWbemCont
         Microsoft::WRL::ComPtr<CimClassObject> pObject;
         TakeOwnership(pObject, CimClassObject::FromUnknown(pInst));
         if (!pObject)
-            return Hr(WBEM_E_INVALID_PARAMETER);
+            return PutForeignInstance(pInst);
         if (pObject->IsClass())
             return Hr(WBEM_E_INVALID_OPERATION);
         const CimInstance instance = pObject->InstanceCopy();
         HRESULT hr = state.CheckFault(L"PutInstance", {instance.ClassName(), instance.RelPath()});
         if (FAILED(hr))
             return hr;
+        if (IsPlatformClass(state.Repository(), m_wsNamespace, instance.ClassName()))
+            return Hr(WBEM_E_ACCESS_DENIED);
         hr = state.Repository().PutInstance(m_wsNamespace, instance, lMode);
         return FAILED(hr) ? hr : state.Save();
     });
+}
+
+// The platform's objects are read-only here; any other object CimStore cannot store.
+HRESULT CimServices::PutForeignInstance(IWbemClassObject* pInst)
+{
+    const std::wstring wsClass = ForeignText(pInst, L"__CLASS");
+    if (wsClass.empty())
+        return Hr(WBEM_E_INVALID_PARAMETER);
+    StoreState& state = StoreState::Get();
+    const HRESULT hr = state.CheckFault(L"PutInstance", {wsClass, ForeignText(pInst, L"__RELPATH")});
+    if (FAILED(hr))
+        return hr;
+    return IsPlatformClass(state.Repository(), m_wsNamespace, wsClass) ? Hr(WBEM_E_ACCESS_DENIED)
+                                                                         : Hr(WBEM_E_INVALID_PARAMETER);
 }
 
 HRESULT CimServices::PutInstanceAsync(IWbemClassObject*, long, IWbemContext*, IWbemObjectSink*)
@@ -246,6 +297,8 @@ HRESULT CimServices::DeleteInstance(const BSTR strObjectPath, long, IWbemContext
             return hr;
         if (path.IsClassPath())
             return Hr(WBEM_E_INVALID_OPERATION);
+        if (IsPlatformClass(state.Repository(), path.ns.empty() ? m_wsNamespace : path.ns, path.className))
+            return Hr(WBEM_E_ACCESS_DENIED);
         hr = state.Repository().DeleteInstance(m_wsNamespace, wsPath);
         return FAILED(hr) ? hr : state.Save();
     });
@@ -269,6 +322,8 @@ HRESULT CimServices::CreateInstanceEnum(const BSTR strFilter, long lFlags, IWbem
         HRESULT hr = state.CheckFault(L"CreateInstanceEnum", {wsClass});
         if (FAILED(hr))
             return hr;
+        if (IsPlatformClass(state.Repository(), m_wsNamespace, wsClass))
+            return m_platform.CreateInstanceEnum(strFilter, lFlags, pCtx, ppEnum);
         std::vector<CimInstance> instances;
         hr = state.Repository().EnumInstances(m_wsNamespace, wsClass, instances);
         if (FAILED(hr))
@@ -285,7 +340,7 @@ HRESULT CimServices::CreateInstanceEnumAsync(const BSTR, long, IWbemContext*, IW
     return Hr(WBEM_E_NOT_SUPPORTED);
 }
 
-HRESULT CimServices::ExecQuery(const BSTR strQueryLanguage, const BSTR strQuery, long, IWbemContext* pCtx,
+HRESULT CimServices::ExecQuery(const BSTR strQueryLanguage, const BSTR strQuery, long lFlags, IWbemContext* pCtx,
                                IEnumWbemClassObject** ppEnum)
 {
     if (!ppEnum || !strQuery || !strQueryLanguage)
@@ -297,15 +352,17 @@ HRESULT CimServices::ExecQuery(const BSTR strQueryLanguage, const BSTR strQuery,
         StoreState& state = StoreState::Get();
         state.RecordContext(L"ExecQuery", pCtx);
         const std::wstring wsQuery = Text(strQuery);
-        const std::wstring wsClass = QueryClass(wsQuery);
-        HRESULT hr = state.CheckFault(L"ExecQuery", {wsQuery, wsClass});
+        const QueryTarget target = QueryClass(wsQuery);
+        HRESULT hr = state.CheckFault(L"ExecQuery", {wsQuery, target.wsClass});
         if (FAILED(hr))
             return hr;
+        if (target.bSelect && IsPlatformClass(state.Repository(), m_wsNamespace, target.wsClass))
+            return m_platform.ExecQuery(strQueryLanguage, strQuery, target.wsClass, lFlags, pCtx, ppEnum);
         std::vector<CimInstance> instances;
         hr = state.Repository().ExecQuery(m_wsNamespace, wsQuery, instances);
         if (FAILED(hr))
             return hr;
-        return CimEnumerator::Create(std::move(instances), wsClass, ppEnum);
+        return CimEnumerator::Create(std::move(instances), target.wsClass, ppEnum);
     });
 }
 

@@ -82,6 +82,7 @@ private:
     {
     }
     ~CimServices() = default;
+    HRESULT PutForeignInstance(IWbemClassObject* pInst);
 
     const std::wstring m_wsNamespace;
     PlatformNamespace m_platform;

@@ -6,6 +6,7 @@
 #include "core/CNotfySimulation.h"
 #include "framework/CCMethodTrace.h"
 #include "framework/HResultError.h"
+#include "notifications/inventory/CNotfyAutoStartMonitoring.h"
 #include "notifications/inventory/CNotfyBiosSettingsChange.h"
 #include "notifications/inventory/CNotfyDeviceChange.h"
 #include "notifications/inventory/CNotfyDisplayChange.h"
@@ -14,6 +15,7 @@
 #include "notifications/inventory/CNotfyMemoryChange.h"
 #include "notifications/inventory/CNotfyPhysicalHDDChange.h"
 #include "notifications/inventory/CNotfyProcessorChange.h"
+#include "notifications/inventory/CNotfyServiceMonitoring.h"
 #include "notifications/inventory/CNotfyVideoAdapterChange.h"
 #include "notifications/sensors/CNotfyCoverOpening.h"
 #include "notifications/sensors/CNotfyCoverSensor.h"
@@ -82,8 +84,8 @@ const std::array<CNotificationHandler::KindEntry, 20>& CNotificationHandler::Kin
         {58, "CNotfyProcessorChange", &CreateKind<CNotfyProcessorChange>},
         {59, "CNotfySimulation", &CreateKind<CNotfySimulation>},
         {60, "CNotfyDisplayChange", &CreateKind<CNotfyDisplayChange>},
-        {61, "CNotfyServiceMonitoring", nullptr},
-        {62, "CNotfyAutoStartMonitoring", nullptr},
+        {61, "CNotfyServiceMonitoring", &CreateKind<CNotfyServiceMonitoring>},
+        {62, "CNotfyAutoStartMonitoring", &CreateKind<CNotfyAutoStartMonitoring>},
         {63, "CNotfyBiosSettingsChange", &CreateKind<CNotfyBiosSettingsChange>},
         {64, "CNotfyVideoAdapterChange", &CreateKind<CNotfyVideoAdapterChange>},
         {65, "CNotfyPhysicalHDDChange", &CreateKind<CNotfyPhysicalHDDChange>},

@@ -10,6 +10,47 @@
 namespace {
 
 using Property = std::pair<std::wstring, std::string>;
+using ValueText = std::string (*)(const VARIANT&);
+
+// Calls fn(index from 0, element) for each element of an array value; false when the array
+// cannot be read.
+template <class Fn>
+bool ForEachElement(const VARIANT& value, Fn&& fn)
+{
+    SAFEARRAY* psa = V_ARRAY(&value);
+    LONG lLower = 0;
+    LONG lUpper = -1;
+    if (!psa || FAILED(SafeArrayGetLBound(psa, 1, &lLower)) || FAILED(SafeArrayGetUBound(psa, 1, &lUpper)))
+        return false;
+    for (LONG i = lLower; i <= lUpper; ++i) {
+        CCVariant element;
+        V_VT(element.Ptr()) = static_cast<VARTYPE>(V_VT(&value) & ~VT_ARRAY);
+        if (V_VT(element.Ptr()) == VT_VARIANT) {
+            SafeArrayGetElement(psa, &i, element.GetAddress());
+        } else if (FAILED(SafeArrayGetElement(psa, &i, &V_UI1(element.Ptr())))) {
+            V_VT(element.Ptr()) = VT_NULL;
+        }
+        fn(i - lLower, element.Get());
+    }
+    return true;
+}
+
+// A value as a table cell: text as it is (an object path reads as Class.Key="value"), NULL
+// empty, array elements joined by commas.
+std::string CellText(const VARIANT& value)
+{
+    if (V_VT(&value) & VT_ARRAY) {
+        std::string s;
+        ForEachElement(value, [&s](LONG i, const VARIANT& element) { s += (i ? ", " : "") + CellText(element); });
+        return s;
+    }
+    switch (V_VT(&value)) {
+    case VT_BSTR: return Utf8(V_BSTR(&value) ? V_BSTR(&value) : L"");
+    case VT_NULL:
+    case VT_EMPTY: return std::string();
+    default: return JsonValue(value);  // numbers and booleans read the same
+    }
+}
 
 std::wstring Text(IWbemClassObject* pObject, const wchar_t* wszName)
 {
@@ -19,8 +60,8 @@ std::wstring Text(IWbemClassObject* pObject, const wchar_t* wszName)
     return V_BSTR(&value.Get());
 }
 
-// Non-system properties in the object's order, as JSON values.
-std::vector<Property> Properties(IWbemClassObject* pObject)
+// Non-system properties in the object's order, each value rendered by text.
+std::vector<Property> Properties(IWbemClassObject* pObject, ValueText text)
 {
     std::vector<Property> properties;
     if (FAILED(pObject->BeginEnumeration(WBEM_FLAG_NONSYSTEM_ONLY)))
@@ -30,7 +71,7 @@ std::vector<Property> Properties(IWbemClassObject* pObject)
         CCVariant value;
         if (pObject->Next(0, bstrName.GetAddress(), value.GetAddress(), nullptr, nullptr) != WBEM_S_NO_ERROR)
             break;
-        properties.emplace_back(bstrName.Get() ? bstrName.Get() : L"", JsonValue(value.Get()));
+        properties.emplace_back(bstrName.Get() ? bstrName.Get() : L"", text(value.Get()));
     }
     pObject->EndEnumeration();
     return properties;
@@ -69,16 +110,6 @@ std::string KindName(ULONG ulId)
     return "(unknown id)";
 }
 
-// A JSON value as a table cell: strings without quotes, null as empty.
-std::string Cell(const std::string& sJson)
-{
-    if (sJson == "null")
-        return "";
-    if (sJson.size() >= 2 && sJson.front() == '"')
-        return sJson.substr(1, sJson.size() - 2);
-    return sJson;
-}
-
 std::string Heading(const RequestResult& result)
 {
     std::string s = "id " + std::to_string(result.ulId) + "  " + KindName(result.ulId) + "  hr " + HexHr(result.hr) +
@@ -105,13 +136,13 @@ std::string FormatTable(const std::vector<RequestResult>& results)
             continue;
         std::vector<std::vector<std::string>> rows = {{"Class", "DeviceId", "Type", "Status", "TextId", "NoPut", "Object"}};
         for (const auto& pInstance : result.instances) {
-            const std::vector<Property> properties = Properties(pInstance.Get());
+            const std::vector<Property> properties = Properties(pInstance.Get(), CellText);
             std::vector<std::string> row = {Utf8(Text(pInstance.Get(), L"__CLASS"))};
             for (const wchar_t* wszColumn : kColumns) {
                 std::string sCell;
                 for (const Property& property : properties)
                     if (_wcsicmp(property.first.c_str(), wszColumn) == 0)
-                        sCell = Cell(property.second);
+                        sCell = property.second;
                 row.push_back(sCell);
             }
             row.insert(row.begin() + 5, HasNoPut(pInstance.Get()) ? "yes" : "-");
@@ -161,7 +192,7 @@ std::string FormatJson(const std::vector<RequestResult>& results)
                 out += std::string(i ? "," : "") + "\n    {\"class\": " + JsonString(Text(pInstance, L"__CLASS")) +
                        ", \"relpath\": " + JsonString(Text(pInstance, L"__RELPATH")) +
                        ", \"qualifiers\": " + JsonObject(Qualifiers(pInstance)) +
-                       ", \"properties\": " + JsonObject(Properties(pInstance)) + "}";
+                       ", \"properties\": " + JsonObject(Properties(pInstance, JsonValue)) + "}";
             }
             out += result.instances.empty() ? "]" : "\n  ]";
         }
@@ -225,23 +256,10 @@ std::string JsonString(const std::wstring& ws)
 std::string JsonValue(const VARIANT& value)
 {
     if (V_VT(&value) & VT_ARRAY) {
-        SAFEARRAY* psa = V_ARRAY(&value);
-        LONG lLower = 0;
-        LONG lUpper = -1;
-        if (!psa || FAILED(SafeArrayGetLBound(psa, 1, &lLower)) || FAILED(SafeArrayGetUBound(psa, 1, &lUpper)))
-            return "null";
         std::string s = "[";
-        for (LONG i = lLower; i <= lUpper; ++i) {
-            CCVariant element;
-            V_VT(element.Ptr()) = static_cast<VARTYPE>(V_VT(&value) & ~VT_ARRAY);
-            if (V_VT(element.Ptr()) == VT_VARIANT) {
-                SafeArrayGetElement(psa, &i, element.GetAddress());
-            } else if (FAILED(SafeArrayGetElement(psa, &i, &V_UI1(element.Ptr())))) {
-                V_VT(element.Ptr()) = VT_NULL;
-            }
-            s += (i > lLower ? ", " : "") + JsonValue(element.Get());
-        }
-        return s + "]";
+        const bool bRead =
+            ForEachElement(value, [&s](LONG i, const VARIANT& element) { s += (i ? ", " : "") + JsonValue(element); });
+        return bRead ? s + "]" : "null";
     }
     switch (V_VT(&value)) {
     case VT_I1: return std::to_string(V_I1(&value));

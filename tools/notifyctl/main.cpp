@@ -34,11 +34,19 @@ struct Options {
     std::wstring wsFeatureVersion = L"1.06";
     std::wstring wsContext = L"Console";
     OutputFormat format = OutputFormat::Table;
+    bool bHelp = false;
 };
 
 const char kUsage[] =
     "usage: notifyctl [--namespace NS] [--feature NAME] [--feature-version V] [--context C]\n"
-    "                 [--format table|mof|json] get|delete|cycle <id>...|all\n";
+    "                 [--format table|mof|json] get|delete|cycle <id>...|all\n"
+    "       notifyctl --help | -h\n";
+const char kCommands[] =
+    "  get     the events of each id\n"
+    "  delete  delete the obsolete stored events of each id\n"
+    "  cycle   what the agent does: get, store the events without NoPut, delete the obsolete ones\n"
+    "  all     every id of the handler's table\n"
+    "exit status: 0 every request succeeded, 1 otherwise, 2 usage error\n";
 
 // False on a usage error, with the reason in sError.
 bool ParseArguments(int argc, wchar_t** argv, Options& options, std::string& sError)
@@ -54,6 +62,10 @@ bool ParseArguments(int argc, wchar_t** argv, Options& options, std::string& sEr
             wsTarget = argv[++i];
             return true;
         };
+        if (wsArg == L"--help" || wsArg == L"-h") {
+            options.bHelp = true;
+            return true;
+        }
         if (wsArg == L"--namespace" || wsArg == L"--feature" || wsArg == L"--feature-version" || wsArg == L"--context") {
             std::wstring& wsTarget = wsArg == L"--namespace" ? options.wsNamespace
                                      : wsArg == L"--feature" ? options.wsFeature
@@ -238,6 +250,11 @@ int wmain(int argc, wchar_t** argv)
         }
         // Plain \n line ends, so the output reads the same on both sides of Wine.
         _setmode(_fileno(stdout), _O_BINARY);
+        if (options.bHelp) {
+            fputs(kUsage, stdout);
+            fputs(kCommands, stdout);
+            return kExitOk;
+        }
         if (FAILED(CoInitializeEx(nullptr, COINIT_MULTITHREADED))) {
             fprintf(stderr, "notifyctl: COM could not be initialised\n");
             return kExitFailed;

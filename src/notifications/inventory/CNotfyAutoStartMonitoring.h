@@ -33,7 +33,6 @@ private:
     std::string SettingsKey() const;
     void ReadExcludeList();
 
-    std::string m_sDataNamespace = "root\\oxl1v2\\KM_Inventory";
     std::string m_sDataQuery = "select * from COXL_AllStartupCommand";
     std::string m_sExcludeList;  // upper case
 };
