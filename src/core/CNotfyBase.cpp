@@ -114,14 +114,20 @@ HRESULT CNotfyBase::SetEventType(unsigned long dwStatus)
 {
     constexpr char kName[] = "CNotfyBase::SetEventType";
     CCMethodTrace trace(TRACE_INFO, kName, kEntered, "dwStatus: %lu", dwStatus);
-    return trace.Return(CatchHr([&]() -> HRESULT {
+    return trace.Return(SetEventTypeFromStored(dwStatus, 2, kName, "This instance has already been set. "));
+}
+
+HRESULT CNotfyBase::SetEventTypeFromStored(unsigned long dwStatus, LONG lImprovedType, const char* szQualifiedName,
+                                           const char* szSameText)
+{
+    return CatchHr([&]() -> HRESULT {
         CCWMIAccess stored;
         HRESULT hr = GetStoredInstance(stored);
         if (hr == static_cast<HRESULT>(WBEM_E_NOT_FOUND))
             return PutI4(m_wmi, "EventType", (dwStatus == 2 || dwStatus == 3) ? 1 : 3);
         if (FAILED(hr)) {
-            GetTrace().TraceMsg(TRACE_ERROR, kName, "Internal", "GetOldObject returned an unexpected WMI HRESULT",
-                                "hr 0x%X", static_cast<unsigned>(hr));
+            GetTrace().TraceMsg(TRACE_ERROR, szQualifiedName, "Internal",
+                                "GetOldObject returned an unexpected WMI HRESULT", "hr 0x%X", static_cast<unsigned>(hr));
             return hr;
         }
 
@@ -141,11 +147,23 @@ HRESULT CNotfyBase::SetEventType(unsigned long dwStatus)
             hr = PutI4(m_wmi, "EventType", 3);
             if (FAILED(hr))
                 return hr;
-            GetTrace().TraceMsg(TRACE_VERBOSE, kName, "Internal", "This instance has already been set. ", "");
+            GetTrace().TraceMsg(TRACE_VERBOSE, szQualifiedName, "Internal", szSameText, "");
             return NOTFY_S_UNCHANGED;
         }
-        return PutI4(m_wmi, "EventType", ulStored < dwStatus ? 1 : 2);
-    }));
+        return PutI4(m_wmi, "EventType", ulStored < dwStatus ? 1 : lImprovedType);
+    });
+}
+
+HRESULT CNotfyBase::RetrieveSourceEvents(const char* szQualifiedName, const CEventStepTexts& texts,
+                                         const std::function<HRESULT(CCWMIAccess& source)>& setEventData)
+{
+    return ForEachSourceInstance(szQualifiedName, m_sReferencedNamespace.c_str(), m_sAuxiliary.c_str(),
+                                 [&](CCWMIAccess& source) {
+        BeginEvent(source, texts, szQualifiedName);
+        const HRESULT hrData = setEventData(source);
+        RaiseIfFailed(hrData, szQualifiedName, texts.szSetEventData);
+        CompleteEvent(hrData, szQualifiedName, texts);
+    });
 }
 
 unsigned long CNotfyBase::GetThresholdState(ULONGLONG ullCurrent, LONGLONG* pllLowWarning, LONGLONG* pllLowCritical,

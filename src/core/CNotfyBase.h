@@ -92,6 +92,14 @@ protected:
     // After an unchanged status: true when the stored instance exists and one of the properties
     // differs from the event's (variant comparison, user's default locale).
     bool StoredDiffers(std::initializer_list<const char*> properties);
+    // The event type from the stored instance's status: not stored 1 for status 2 or 3 else 3; equal
+    // 3 and NOTFY_S_UNCHANGED (traced with szSameText); worse now 1; better now lImprovedType.
+    HRESULT SetEventTypeFromStored(unsigned long dwStatus, LONG lImprovedType, const char* szQualifiedName,
+                                   const char* szSameText);
+    // The usual item of the source loop over m_sAuxiliary in m_sReferencedNamespace: BeginEvent,
+    // setEventData (a failure raised with the step's text), CompleteEvent.
+    HRESULT RetrieveSourceEvents(const char* szQualifiedName, const CEventStepTexts& texts,
+                                 const std::function<HRESULT(CCWMIAccess& source)>& setEventData);
     // The feature context value of szKey, empty when absent.
     std::string ContextValue(const char* szKey) const;
 

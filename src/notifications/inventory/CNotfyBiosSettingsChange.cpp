@@ -166,37 +166,6 @@ HRESULT CNotfyBiosSettingsChange::SetEventType(unsigned long dwStatus)
 {
     constexpr char kName[] = "CNotfyBiosSettingsChange::SetEventType";
     CCMethodTrace trace(TRACE_INFO, kName, kEntered, "dwStatus: %d", static_cast<int>(dwStatus));
-    return trace.Return(CatchHr([&]() -> HRESULT {
-        CCWMIAccess stored;
-        HRESULT hr = GetStoredInstance(stored);
-        if (hr == static_cast<HRESULT>(WBEM_E_NOT_FOUND))
-            return PutI4(m_wmi, "EventType", (dwStatus == 2 || dwStatus == 3) ? 1 : 3);
-        if (FAILED(hr)) {
-            GetTrace().TraceMsg(TRACE_ERROR, kName, "Internal", "GetOldObject returned an unexpected WMI HRESULT",
-                                "hr 0x%X", static_cast<unsigned>(hr));
-            return hr;
-        }
-
-        CCVariant storedStatus;
-        hr = stored.GetProperty("EventStatus", storedStatus.GetAddress(), false, 0);
-        if (FAILED(hr))
-            return hr;
-        unsigned long ulStored = 0;
-        if (storedStatus.Type() == VT_I4)
-            ulStored = static_cast<unsigned long>(V_I4(&storedStatus.Get()));
-        else if (storedStatus.Type() == VT_UI4)
-            ulStored = V_UI4(&storedStatus.Get());
-        else
-            return hr;
-
-        if (ulStored == dwStatus) {
-            hr = PutI4(m_wmi, "EventType", 3);
-            if (FAILED(hr))
-                return hr;
-            GetTrace().TraceMsg(TRACE_VERBOSE, kName, "Internal", "This instance has already been set.", "");
-            return NOTFY_S_UNCHANGED;
-        }
-        // A return towards the nominal state is no event of its own kind: never 2.
-        return PutI4(m_wmi, "EventType", ulStored < dwStatus ? 1 : 3);
-    }));
+    // A return towards the nominal state is no event of its own kind: never 2.
+    return trace.Return(SetEventTypeFromStored(dwStatus, 3, kName, "This instance has already been set."));
 }

@@ -75,13 +75,7 @@ HRESULT CNotfyFanMonitoring::RetrieveInstances()
     constexpr char kName[] = "CNotfyFanMonitoring::RetrieveInstances";
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
     const CEventStepTexts texts{.szDeviceId = "Raising exception because SetProperty on 'DeviceId' failed."};
-    return trace.Return(ForEachSourceInstance(kName, m_sReferencedNamespace.c_str(), m_sAuxiliary.c_str(),
-                                              [&](CCWMIAccess& source) {
-        BeginEvent(source, texts, kName);
-        const HRESULT hrData = SetEventData(source);
-        RaiseIfFailed(hrData, kName, texts.szSetEventData);
-        CompleteEvent(hrData, kName, texts);
-    }));
+    return trace.Return(RetrieveSourceEvents(kName, texts, [&](CCWMIAccess& source) { return SetEventData(source); }));
 }
 
 HRESULT CNotfyFanMonitoring::SetEventData(CCWMIAccess& source)
@@ -90,20 +84,13 @@ HRESULT CNotfyFanMonitoring::SetEventData(CCWMIAccess& source)
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
     return trace.Return(CatchHr([&]() -> HRESULT {
         CCVariant name;
-        HRESULT hr = source.GetProperty("Name", name.GetAddress(), false, 0);
-        if (SUCCEEDED(hr) && name.Type() != VT_BSTR)
-            hr = WBEM_E_TYPE_MISMATCH;
-        RaiseIfFailed(hr, kName, "Raising exception because error getting 'Name' property");
+        ReadSensorName(source, name.Ptr(), kName);
         RaiseIfFailed(m_wmi.SetProperty("Name", name.Ptr()), kName, "Raising exception because SetProperty on 'Name' failed");
 
-        LONG lSensorId = 0;
-        RaiseIfFailed(ReadI4(source, "SensorId", &lSensorId), kName,
-                      "Raising exception because error getting 'SensorId' property");
-        RaiseIfFailed(PutI4(m_wmi, "SensorId", lSensorId), kName,
-                      "Raising exception because SetProperty on 'SensorId' failed");
+        const LONG lSensorId = CopySensorId(source, m_wmi, kName);
 
         CCVariant fault;
-        hr = source.GetProperty("FanFault", fault.GetAddress(), false, 0);
+        HRESULT hr = source.GetProperty("FanFault", fault.GetAddress(), false, 0);
         if (SUCCEEDED(hr) && fault.Type() != VT_BOOL)
             hr = WBEM_E_TYPE_MISMATCH;
         RaiseIfFailed(hr, kName, "Raising exception because error getting 'FanFault' property");

@@ -113,16 +113,11 @@ HRESULT CNotfyTemperature::SetEventData(CCWMIAccess& source)
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
     return trace.Return(CatchHr([&]() -> HRESULT {
         CCVariant name;
-        HRESULT hr = source.GetProperty("Name", name.GetAddress(), false, 0);
-        if (SUCCEEDED(hr) && name.Type() != VT_BSTR)
-            hr = WBEM_E_TYPE_MISMATCH;
-        RaiseIfFailed(hr, kName, "Raising exception because error getting 'Name' property");
+        ReadSensorName(source, name.Ptr(), kName);
 
-        LONG lSensorId = 0;
-        RaiseIfFailed(ReadI4(source, "SensorId", &lSensorId), kName,
-              "Raising exception because error getting 'SensorId' property");
-        RaiseIfFailed(PutI4(m_wmi, "SensorId", lSensorId), kName, "Raising exception because SetProperty on 'SensorId' failed");
+        const LONG lSensorId = CopySensorId(source, m_wmi, kName);
 
+        HRESULT hr = S_OK;
         std::wstring wsDescription;
         if (lSensorId != kUnsupportedSensor && (lSensorId & kHardDiskBit)) {
             // Hard-disk probes are opt-in: only an explicit false on KM_Temperature reports them.

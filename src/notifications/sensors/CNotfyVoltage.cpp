@@ -33,13 +33,7 @@ HRESULT CNotfyVoltage::RetrieveInstances()
     constexpr char kName[] = "CNotfyVoltage::RetrieveInstances";
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
     const CEventStepTexts texts;
-    return trace.Return(ForEachSourceInstance(kName, m_sReferencedNamespace.c_str(), m_sAuxiliary.c_str(),
-                                              [&](CCWMIAccess& source) {
-        BeginEvent(source, texts, kName);
-        const HRESULT hrData = SetEventData(source);
-        RaiseIfFailed(hrData, kName, texts.szSetEventData);
-        CompleteEvent(hrData, kName, texts);
-    }));
+    return trace.Return(RetrieveSourceEvents(kName, texts, [&](CCWMIAccess& source) { return SetEventData(source); }));
 }
 
 HRESULT CNotfyVoltage::SetEventData(CCWMIAccess& source)
@@ -48,17 +42,10 @@ HRESULT CNotfyVoltage::SetEventData(CCWMIAccess& source)
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
     return trace.Return(CatchHr([&]() -> HRESULT {
         CCVariant name;
-        HRESULT hr = source.GetProperty("Name", name.GetAddress(), false, 0);
-        if (SUCCEEDED(hr) && name.Type() != VT_BSTR)
-            hr = WBEM_E_TYPE_MISMATCH;
-        RaiseIfFailed(hr, kName, "Raising exception because error getting 'Name' property");
+        ReadSensorName(source, name.Ptr(), kName);
         RaiseIfFailed(m_wmi.SetProperty("Name", name.Ptr()), kName, "Raising exception because SetProperty on 'Name' failed");
 
-        LONG lSensorId = 0;
-        RaiseIfFailed(ReadI4(source, "SensorId", &lSensorId), kName,
-                      "Raising exception because error getting 'SensorId' property");
-        RaiseIfFailed(PutI4(m_wmi, "SensorId", lSensorId), kName,
-                      "Raising exception because SetProperty on 'SensorId' failed");
+        const LONG lSensorId = CopySensorId(source, m_wmi, kName);
 
         LONG lReading = 0;
         RaiseIfFailed(ReadI4(source, "CurrentReading", &lReading), kName,

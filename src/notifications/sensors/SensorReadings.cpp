@@ -1,5 +1,6 @@
 #include "notifications/sensors/SensorReadings.h"
 
+#include "access/ComHolders.h"
 #include "core/EventValues.h"
 
 namespace {
@@ -12,6 +13,24 @@ void ReadThreshold(CCWMIAccess& source, const char* szProperty, LONG* plValue)
 }
 
 }  // namespace
+
+void ReadSensorName(CCWMIAccess& source, VARIANT* pvName, const char* szQualifiedName)
+{
+    HRESULT hr = source.GetProperty("Name", pvName, false, 0);
+    if (SUCCEEDED(hr) && V_VT(pvName) != VT_BSTR)
+        hr = WBEM_E_TYPE_MISMATCH;
+    RaiseIfFailed(hr, szQualifiedName, "Raising exception because error getting 'Name' property");
+}
+
+LONG CopySensorId(CCWMIAccess& source, CCWMIAccess& event, const char* szQualifiedName)
+{
+    LONG lSensorId = 0;
+    RaiseIfFailed(ReadI4(source, "SensorId", &lSensorId), szQualifiedName,
+                  "Raising exception because error getting 'SensorId' property");
+    RaiseIfFailed(PutI4(event, "SensorId", lSensorId), szQualifiedName,
+                  "Raising exception because SetProperty on 'SensorId' failed");
+    return lSensorId;
+}
 
 CSensorThresholds ReadThresholds(CCWMIAccess& source)
 {

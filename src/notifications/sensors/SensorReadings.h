@@ -26,6 +26,11 @@ struct CSensorMessages {
     LONG lLowerDefect;
 };
 
+// Reads the probe's Name into name; raised unless it is a text.
+void ReadSensorName(CCWMIAccess& source, VARIANT* pvName, const char* szQualifiedName);
+// Reads the probe's SensorId, raised unless it is an integer, and writes it to the event.
+LONG CopySensorId(CCWMIAccess& source, CCWMIAccess& event, const char* szQualifiedName);
+
 // Reads the thresholds that the probe (the current object of source) has as integers.
 CSensorThresholds ReadThresholds(CCWMIAccess& source);
 
