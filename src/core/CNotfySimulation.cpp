@@ -15,14 +15,12 @@ CNotfySimulation::CNotfySimulation()
 {
     m_ulNotfyId = kNotfyId;
     m_sEventClassName = "KM_Notifications";
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfySimulation::CNotfySimulation", "Internal",
-                        "An instance of CNotfySimulation has been created.", "");
+    TraceLifetime("CNotfySimulation", true);
 }
 
 CNotfySimulation::~CNotfySimulation()
 {
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfySimulation::~CNotfySimulation", "Internal",
-                        "An instance of CNotfySimulation has been destroyed.", "");
+    TraceLifetime("CNotfySimulation", false);
 }
 
 HRESULT CNotfySimulation::DeleteObsoleteInstances()

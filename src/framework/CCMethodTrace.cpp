@@ -42,3 +42,15 @@ CCMethodTrace::~CCMethodTrace()
     else
         trace.TraceMsg(m_ulLevel, m_szQualifiedName, "Leave", szMessage, "");
 }
+
+void TraceLifetime(const char* szClass, bool bCreated)
+{
+    CCQuillTrace& trace = GetTrace();
+    if (!trace.WouldTrace(TRACE_INFO))
+        return;
+    char szName[160];
+    char szMessage[160];
+    snprintf(szName, sizeof(szName), "%s::%s%s", szClass, bCreated ? "" : "~", szClass);
+    snprintf(szMessage, sizeof(szMessage), "An instance of %s has been %s.", szClass, bCreated ? "created" : "destroyed");
+    trace.TraceMsg(TRACE_INFO, szName, "Internal", szMessage, "");
+}

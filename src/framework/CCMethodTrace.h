@@ -38,3 +38,7 @@ private:
     bool m_bResult = false;
     bool m_bHasBool = false;
 };
+
+// Traces "An instance of <szClass> has been created." (or destroyed) under the constructor's
+// (or destructor's) name.
+void TraceLifetime(const char* szClass, bool bCreated);

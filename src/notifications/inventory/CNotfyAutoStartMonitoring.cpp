@@ -177,14 +177,12 @@ CNotfyAutoStartMonitoring::CNotfyAutoStartMonitoring() : CNotfyInventoryChange("
     m_sEventClassName = "KM_AutoStart_Static";
     // The data namespace, where stored users are also looked up for obsolescence.
     m_sReferencedNamespace = "root\\oxl1v2\\KM_Inventory";
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyAutoStartMonitoring::CNotfyAutoStartMonitoring", "Internal",
-                        "An instance of CNotfyAutoStartMonitoring has been created.", "");
+    TraceLifetime("CNotfyAutoStartMonitoring", true);
 }
 
 CNotfyAutoStartMonitoring::~CNotfyAutoStartMonitoring()
 {
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyAutoStartMonitoring::~CNotfyAutoStartMonitoring", "Internal",
-                        "An instance of CNotfyAutoStartMonitoring has been destroyed.", "");
+    TraceLifetime("CNotfyAutoStartMonitoring", false);
 }
 
 std::string CNotfyAutoStartMonitoring::SettingsKey() const

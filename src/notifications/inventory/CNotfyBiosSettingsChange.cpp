@@ -83,14 +83,12 @@ CNotfyBiosSettingsChange::CNotfyBiosSettingsChange()
     // Object holds the settings instance's path in this namespace, where the obsolescence scan looks it up.
     m_sReferencedNamespace = "root\\oxl1v2\\KM_Bios";
     m_sAuxiliary = "select * from COXL_BiosSettings";
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyBiosSettingsChange::CNotfyBiosSettingsChange", "Internal",
-                        "An instance of CNotfyBiosSettingsChange has been created.", "");
+    TraceLifetime("CNotfyBiosSettingsChange", true);
 }
 
 CNotfyBiosSettingsChange::~CNotfyBiosSettingsChange()
 {
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyBiosSettingsChange::~CNotfyBiosSettingsChange", "Internal",
-                        "An instance of CNotfyBiosSettingsChange has been destroyed.", "");
+    TraceLifetime("CNotfyBiosSettingsChange", false);
 }
 
 HRESULT CNotfyBiosSettingsChange::RetrieveInstances()

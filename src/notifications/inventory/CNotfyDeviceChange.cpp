@@ -43,16 +43,12 @@ CNotfyDeviceChange::CNotfyDeviceChange(const CAssociationKind& kind)
 {
     m_ulNotfyId = kind.ulNotfyId;
     m_sEventClassName = kind.szEventClass;
-    const std::string sName = QualifiedName(m_szKindName);
-    const std::string sMessage = std::string("An instance of ") + m_szKindName + " has been created.";
-    GetTrace().TraceMsg(TRACE_INFO, sName.c_str(), "Internal", sMessage.c_str(), "");
+    TraceLifetime(m_szKindName, true);
 }
 
 CNotfyDeviceChange::~CNotfyDeviceChange()
 {
-    const std::string sName = QualifiedName((std::string("~") + m_szKindName).c_str());
-    const std::string sMessage = std::string("An instance of ") + m_szKindName + " has been destroyed.";
-    GetTrace().TraceMsg(TRACE_INFO, sName.c_str(), "Internal", sMessage.c_str(), "");
+    TraceLifetime(m_szKindName, false);
 }
 
 HRESULT CNotfyDeviceChange::RetrieveInstances()

@@ -97,14 +97,12 @@ CNotfyDisplayChange::CNotfyDisplayChange() : CNotfyInventoryChange(kKindName)
     m_ulNotfyId = kNotfyId;
     m_sEventClassName = "KM_DisplayChange_Static";
     m_sAuxiliary = "select * from COXL_MonitorEnclosure";
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyDisplayChange::CNotfyDisplayChange", "Internal",
-                        "An instance of CNotfyDisplayChange has been created.", "");
+    TraceLifetime("CNotfyDisplayChange", true);
 }
 
 CNotfyDisplayChange::~CNotfyDisplayChange()
 {
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyDisplayChange::~CNotfyDisplayChange", "Internal",
-                        "An instance of CNotfyDisplayChange has been destroyed.", "");
+    TraceLifetime("CNotfyDisplayChange", false);
 }
 
 bool CNotfyDisplayChange::IsSupported()

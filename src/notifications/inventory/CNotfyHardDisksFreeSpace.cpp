@@ -56,16 +56,12 @@ CNotfyHardDisksFreeSpace::CNotfyHardDisksFreeSpace(const char* szKindName, unsig
         if (iWritten > 0 && static_cast<size_t>(iWritten) < query.size())
             m_sAuxiliary = query.data();
     }
-    const std::string sName = std::string(m_szKindName) + "::" + m_szKindName;
-    const std::string sMessage = std::string("An instance of ") + m_szKindName + " has been created.";
-    GetTrace().TraceMsg(TRACE_INFO, sName.c_str(), "Internal", sMessage.c_str(), "Query: %s", m_sAuxiliary.c_str());
+    TraceLifetime(m_szKindName, true);
 }
 
 CNotfyHardDisksFreeSpace::~CNotfyHardDisksFreeSpace()
 {
-    const std::string sName = std::string(m_szKindName) + "::~" + m_szKindName;
-    const std::string sMessage = std::string("An instance of ") + m_szKindName + " has been destroyed.";
-    GetTrace().TraceMsg(TRACE_INFO, sName.c_str(), "Internal", sMessage.c_str(), "");
+    TraceLifetime(m_szKindName, false);
 }
 
 std::string CNotfyHardDisksFreeSpace::GetSystemDrive(const char* szSystemDirectory)

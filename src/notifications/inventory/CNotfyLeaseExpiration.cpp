@@ -25,14 +25,12 @@ CNotfyLeaseExpiration::CNotfyLeaseExpiration()
 {
     m_ulNotfyId = kNotfyId;
     m_sEventClassName = "KM_LeaseExpiration_Static";
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyLeaseExpiration::CNotfyLeaseExpiration", "Internal",
-                        "An instance of CNotfyLeaseExpiration has been created.", "");
+    TraceLifetime("CNotfyLeaseExpiration", true);
 }
 
 CNotfyLeaseExpiration::~CNotfyLeaseExpiration()
 {
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyLeaseExpiration::~CNotfyLeaseExpiration", "Internal",
-                        "An instance of CNotfyLeaseExpiration has been destroyed.", "");
+    TraceLifetime("CNotfyLeaseExpiration", false);
 }
 
 __int64 CNotfyLeaseExpiration::GetCurrentTime64() const

@@ -25,14 +25,12 @@ CNotfyMemoryChange::CNotfyMemoryChange()
     m_ulNotfyId = kNotfyId;
     m_sEventClassName = "KM_MemoryChange_Static";
     m_sAuxiliary = "select * from Win32_OperatingSystem";
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyMemoryChange::CNotfyMemoryChange", "Internal",
-                        "An instance of CNotfyMemoryChange has been created.", "");
+    TraceLifetime("CNotfyMemoryChange", true);
 }
 
 CNotfyMemoryChange::~CNotfyMemoryChange()
 {
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyMemoryChange::~CNotfyMemoryChange", "Internal",
-                        "An instance of CNotfyMemoryChange has been destroyed.", "");
+    TraceLifetime("CNotfyMemoryChange", false);
 }
 
 HRESULT CNotfyMemoryChange::RetrieveInstances()

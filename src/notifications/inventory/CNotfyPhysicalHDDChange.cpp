@@ -13,14 +13,12 @@ CNotfyPhysicalHDDChange::CNotfyPhysicalHDDChange()
     m_ulNotfyId = kNotfyId;
     m_sEventClassName = "KM_PhysicalHDDChange_Static";
     m_sAuxiliary = "select * from COXL_PhysicalHardDisk";  // configured, never executed
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyPhysicalHDDChange::CNotfyPhysicalHDDChange", "Internal",
-                        "An instance of CNotfyPhysicalHDDChange has been created.", "");
+    TraceLifetime("CNotfyPhysicalHDDChange", true);
 }
 
 CNotfyPhysicalHDDChange::~CNotfyPhysicalHDDChange()
 {
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyPhysicalHDDChange::~CNotfyPhysicalHDDChange", "Internal",
-                        "An instance of CNotfyPhysicalHDDChange has been destroyed.", "");
+    TraceLifetime("CNotfyPhysicalHDDChange", false);
 }
 
 HRESULT CNotfyPhysicalHDDChange::RetrieveInstances()

@@ -69,14 +69,12 @@ CNotfyProcessorChange::CNotfyProcessorChange() : CNotfyInventoryChange(kKindName
     m_sEventClassName = "KM_ProcessorChange_Static";
     m_sReferencedNamespace = "root\\oxl1v2\\KM_Inventory";
     m_sAuxiliary = "select * from COXL_PhysicalProcessor";
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyProcessorChange::CNotfyProcessorChange", "Internal",
-                        "An instance of CNotfyProcessorChange has been created.", "");
+    TraceLifetime("CNotfyProcessorChange", true);
 }
 
 CNotfyProcessorChange::~CNotfyProcessorChange()
 {
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyProcessorChange::~CNotfyProcessorChange", "Internal",
-                        "An instance of CNotfyProcessorChange has been destroyed.", "");
+    TraceLifetime("CNotfyProcessorChange", false);
 }
 
 LONG CNotfyProcessorChange::GetProcessorNumber(const std::wstring& wsDeviceId)

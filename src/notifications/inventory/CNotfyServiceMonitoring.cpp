@@ -17,14 +17,12 @@ CNotfyServiceMonitoring::CNotfyServiceMonitoring() : CNotfyInventoryChange("CNot
 {
     m_ulNotfyId = kNotfyId;
     m_sEventClassName = "KM_ServiceMonitoring_Static";
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyServiceMonitoring::CNotfyServiceMonitoring", "Internal",
-                        "An instance of CNotfyServiceMonitoring has been created.", "");
+    TraceLifetime("CNotfyServiceMonitoring", true);
 }
 
 CNotfyServiceMonitoring::~CNotfyServiceMonitoring()
 {
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyServiceMonitoring::~CNotfyServiceMonitoring", "Internal",
-                        "An instance of CNotfyServiceMonitoring has been destroyed.", "");
+    TraceLifetime("CNotfyServiceMonitoring", false);
 }
 
 HRESULT CNotfyServiceMonitoring::RetrieveInstances()

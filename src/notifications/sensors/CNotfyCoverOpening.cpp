@@ -47,14 +47,12 @@ CNotfyCoverOpening::CNotfyCoverOpening() : m_sSwitchClassName("COXL_IntrusionSwi
     m_ulNotfyId = kNotfyId;
     m_sEventClassName = "KM_CoverOpening_Static";
     m_sAuxiliary = "select * from COXL_CabinetIntrusion";
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyCoverOpening::CNotfyCoverOpening", "Internal",
-                        "An instance of CNotfyCoverOpening has been created.", "");
+    TraceLifetime("CNotfyCoverOpening", true);
 }
 
 CNotfyCoverOpening::~CNotfyCoverOpening()
 {
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyCoverOpening::~CNotfyCoverOpening", "Internal",
-                        "An instance of CNotfyCoverOpening has been destroyed.", "");
+    TraceLifetime("CNotfyCoverOpening", false);
 }
 
 bool CNotfyCoverOpening::GetLatchFlag()

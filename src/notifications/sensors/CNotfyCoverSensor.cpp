@@ -21,14 +21,12 @@ CNotfyCoverSensor::CNotfyCoverSensor()
     m_ulNotfyId = kNotfyId;
     m_sEventClassName = "KM_CoverSensor_Static";
     m_sAuxiliary = "select * from COXL_IntrusionSwitch";
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyCoverSensor::CNotfyCoverSensor", "Internal",
-                        "An instance of CNotfyCoverSensor has been created.", "");
+    TraceLifetime("CNotfyCoverSensor", true);
 }
 
 CNotfyCoverSensor::~CNotfyCoverSensor()
 {
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyCoverSensor::~CNotfyCoverSensor", "Internal",
-                        "An instance of CNotfyCoverSensor has been destroyed.", "");
+    TraceLifetime("CNotfyCoverSensor", false);
 }
 
 HRESULT CNotfyCoverSensor::RetrieveInstances()

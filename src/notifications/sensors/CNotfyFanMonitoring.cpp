@@ -34,14 +34,12 @@ CNotfyFanMonitoring::CNotfyFanMonitoring()
     m_ulNotfyId = kNotfyId;
     m_sEventClassName = "KM_FanMonitoring_Static";
     m_sAuxiliary = "select * from COXL_FanTachometer";
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyFanMonitoring::CNotfyFanMonitoring", "Internal",
-                        "An instance of CNotfyFanMonitoring has been created.", "");
+    TraceLifetime("CNotfyFanMonitoring", true);
 }
 
 CNotfyFanMonitoring::~CNotfyFanMonitoring()
 {
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyFanMonitoring::~CNotfyFanMonitoring", "Internal",
-                        "An instance of CNotfyFanMonitoring has been destroyed.", "");
+    TraceLifetime("CNotfyFanMonitoring", false);
 }
 
 bool CNotfyFanMonitoring::ClassifyFan(LONG lSensorId, bool bFanFault, CFanState* pState)

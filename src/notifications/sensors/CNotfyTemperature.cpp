@@ -49,14 +49,12 @@ CNotfyTemperature::CNotfyTemperature()
     m_ulNotfyId = kNotfyId;
     m_sEventClassName = "KM_Temperature_Static";
     m_sAuxiliary = "select * from COXL_TemperatureProbe";
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyTemperature::CNotfyTemperature", "Internal",
-                        "An instance of CNotfyTemperature has been created.", "");
+    TraceLifetime("CNotfyTemperature", true);
 }
 
 CNotfyTemperature::~CNotfyTemperature()
 {
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyTemperature::~CNotfyTemperature", "Internal",
-                        "An instance of CNotfyTemperature has been destroyed.", "");
+    TraceLifetime("CNotfyTemperature", false);
 }
 
 ETemperatureFamily CNotfyTemperature::GetFamily(LONG lSensorId)

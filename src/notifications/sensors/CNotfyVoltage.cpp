@@ -18,14 +18,12 @@ CNotfyVoltage::CNotfyVoltage()
     m_ulNotfyId = kNotfyId;
     m_sEventClassName = "KM_Voltage_Static";
     m_sAuxiliary = "select * from COXL_VoltageProbe";
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyVoltage::CNotfyVoltage", "Internal",
-                        "An instance of CNotfyVoltage has been created.", "");
+    TraceLifetime("CNotfyVoltage", true);
 }
 
 CNotfyVoltage::~CNotfyVoltage()
 {
-    GetTrace().TraceMsg(TRACE_INFO, "CNotfyVoltage::~CNotfyVoltage", "Internal",
-                        "An instance of CNotfyVoltage has been destroyed.", "");
+    TraceLifetime("CNotfyVoltage", false);
 }
 
 HRESULT CNotfyVoltage::RetrieveInstances()
