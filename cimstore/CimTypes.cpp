@@ -494,8 +494,10 @@ HRESULT ReadElement(VARTYPE vt, const void* p, CIMTYPE type, CimScalar& out)
     case VT_R8: out = *static_cast<const double*>(p); break;
     case VT_BOOL: out = *static_cast<const VARIANT_BOOL*>(p) != VARIANT_FALSE; break;
     case VT_BSTR: {
+        // A CIM string ends at its first NUL; Wine's own WMI hands out system-property BSTRs whose
+        // length runs past the text.
         const BSTR b = *static_cast<const BSTR*>(p);
-        out = std::wstring(b ? b : L"", b ? SysStringLen(b) : 0);
+        out = std::wstring(b ? b : L"", b ? wcsnlen(b, SysStringLen(b)) : 0);
         break;
     }
     default: return Hr(WBEM_E_TYPE_MISMATCH);

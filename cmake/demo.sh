@@ -1,7 +1,8 @@
 #!/bin/sh
 # The demo: register Moradel.dll and CimStore (as the WMI of the build's prefix), copy the example
 # workstation into the build tree and run two agent cycles over every notification id with
-# notifyctl, tracing switched on. The copy is what changes; tracked files never do.
+# notifyctl, tracing switched on; then one cycle of the free space and memory kinds on this
+# machine's own data. The copies are what change; tracked files never do.
 set -e
 build=$(cd "${1:-build}" && pwd)
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -34,13 +35,16 @@ rm -f "$trace"
 
 # Exit status 1 means that some requests failed (kinds this build does not contain yet answer
 # E_INVALIDARG with their id); anything else is a real failure of the demo.
-cycle() {
-    echo "== Agent cycle $1 (notifyctl cycle all) on $repository"
+notifyctl_cycle() {
     status=0
-    "$run" "$build/bin/notifyctl.exe" cycle all || status=$?
+    "$run" "$build/bin/notifyctl.exe" cycle "$@" || status=$?
     [ "$status" -le 1 ] || { echo "notifyctl failed with exit status $status" >&2; exit "$status"; }
     [ "$status" -eq 0 ] || echo "(some requests failed: see their hr and returnValue above)"
     echo
+}
+cycle() {
+    echo "== Agent cycle $1 (notifyctl cycle all) on $repository"
+    notifyctl_cycle all
 }
 cycle 1
 if [ -f "$root/examples/workstation/change.mof" ]; then
@@ -48,7 +52,19 @@ if [ -f "$root/examples/workstation/change.mof" ]; then
     cp "$root/examples/workstation/change.mof" "$repository/90_change.mof"
 fi
 cycle 2
+echo "Stored state after the cycles: $repository/state.mof"
+echo
+
+# This machine: the schema and the free space limits alone, no Win32_* data, so CimStore hands
+# the reads of Win32_LogicalDisk and Win32_OperatingSystem to the platform's own WMI.
+machine="$build/demo/this-machine"
+rm -rf "$machine"
+mkdir -p "$machine"
+for mof in "$root"/schema/*.mof; do cp "$mof" "$machine/00_$(basename "$mof")"; done
+cp "$root"/examples/this-machine/*.mof "$machine/"
+CIMSTORE_REPOSITORY=$(windows_path "$machine")
+echo "== This machine (notifyctl cycle 21 56 22) on $machine"
+notifyctl_cycle 21 56 22
 "$run" reg delete "$key" /f >/dev/null
 
-echo "Stored state after the cycles: $repository/state.mof"
 [ -f "$trace" ] && echo "Trace of Moradel.dll: $trace ($(iconv -f UTF-16 -t UTF-8 "$trace" | wc -l) lines)"

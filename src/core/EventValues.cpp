@@ -57,7 +57,8 @@ HRESULT ReadText(CCWMIAccess& access, const char* szProperty, std::wstring* pwsV
     if (value.Type() != VT_BSTR)
         return WBEM_E_TYPE_MISMATCH;
     const BSTR bstr = V_BSTR(&value.Get());
-    pwsValue->assign(bstr ? bstr : L"", bstr ? SysStringLen(bstr) : 0);
+    // The text ends at its first NUL: Wine's WMI hands out BSTRs whose length runs past it.
+    pwsValue->assign(bstr ? bstr : L"", bstr ? wcsnlen(bstr, SysStringLen(bstr)) : 0);
     return hr;
 }
 

@@ -157,6 +157,12 @@ TEST(cimstoreTypes, FromVariantRejectsWhatCannotBeStored)
     numberText.Ptr()->bstrVal = SysAllocString(L"123");
     ASSERT_EQ(FromVariant(numberText.Get(), CIM_UINT64, out), S_OK);
     EXPECT_TRUE(out == CimValue(uint64_t{123}));
+    // Wine's WMI hands out path BSTRs whose length runs past the text: the string ends at its NUL.
+    CCVariant padded;
+    padded.Ptr()->vt = VT_BSTR;
+    padded.Ptr()->bstrVal = SysAllocStringLen(L"C:\0\0\0", 5);
+    ASSERT_EQ(FromVariant(padded.Get(), CIM_STRING, out), S_OK);
+    EXPECT_TRUE(out == CimValue(std::wstring(L"C:")));
 }
 
 TEST(cimstoreTypes, NamesCompareWithoutCase)
