@@ -8,6 +8,8 @@
 #include <windows.h>
 
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 
 GlobalTraceLog& GlobalTraceLog::Get()
 {
@@ -32,17 +34,36 @@ GlobalTraceLog::GlobalTraceLog()
     GetTrace().Enable_By_RegKey(HKEY_LOCAL_MACHINE, sKey.c_str(), TRACE_FLAG_NO_KEY);
 }
 
+// A mark is the file's size in bytes, so a check reads only what was written after it: reading
+// the whole file each time made long suites quadratic in their trace.
 size_t GlobalTraceLog::Mark() const
 {
-    return ReadTraceFile(m_wsFile).lines.size();
+    WIN32_FILE_ATTRIBUTE_DATA data = {};
+    if (!GetFileAttributesExW(m_wsFile.c_str(), GetFileExInfoStandard, &data))
+        return 0;
+    return static_cast<size_t>(data.nFileSizeLow) | (static_cast<size_t>(data.nFileSizeHigh) << 32);
 }
 
 std::vector<std::vector<std::string>> GlobalTraceLog::LinesSince(size_t uMark) const
 {
-    const TraceFileContent content = ReadTraceFile(m_wsFile);
+    std::ifstream file(m_wsFile.c_str(), std::ios::binary);
+    file.seekg(static_cast<std::streamoff>(uMark));
+    const std::string sBytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    std::wstring wsText(sBytes.size() / 2, L'\0');
+    for (size_t i = 0; i < wsText.size(); ++i)
+        wsText[i] = static_cast<wchar_t>(static_cast<unsigned char>(sBytes[2 * i]) |
+                                         (static_cast<unsigned char>(sBytes[2 * i + 1]) << 8));
+    if (!wsText.empty() && wsText[0] == 0xFEFF)
+        wsText.erase(0, 1);
     std::vector<std::vector<std::string>> rows;
-    for (size_t i = uMark; i < content.lines.size(); ++i)
-        rows.push_back(SplitFields(content.lines[i]));
+    size_t uStart = 0;
+    while (uStart < wsText.size()) {
+        size_t uEnd = wsText.find(L"\r\n", uStart);
+        if (uEnd == std::wstring::npos)
+            uEnd = wsText.size();
+        rows.push_back(SplitFields(wsText.substr(uStart, uEnd - uStart)));
+        uStart = uEnd + 2;
+    }
     return rows;
 }
 

@@ -8,7 +8,7 @@ class GlobalTraceLog {
 public:
     static GlobalTraceLog& Get();
 
-    // Number of lines written so far; pass it to LinesSince to see what a step wrote.
+    // Where the trace stands now; pass it to LinesSince to see what a step wrote.
     size_t Mark() const;
     std::vector<std::vector<std::string>> LinesSince(size_t uMark) const;
     // True when a line written since uMark has this message field (and, if given, formatted text).
