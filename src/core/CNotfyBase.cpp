@@ -180,12 +180,8 @@ HRESULT CNotfyBase::GetObsoleteInstances()
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
     return trace.Return(CatchHr([&]() -> HRESULT {
         CCWMIAccess stored;
-        stored = static_cast<IWbemServices*>(m_wmi);
-        stored.SetContext(m_context);
-        if (m_sReferencedNamespace.empty() || FAILED(stored.GetClassInstances(m_sEventClassName.c_str(), 0))) {
-            GetTrace().TraceMsg(TRACE_VERBOSE, kName, "Internal", "No instances to delete. ", "");
+        if (!OpenStoredInstances(stored, kName, true))
             return S_OK;
-        }
         do {
             const HRESULT hrItem = CatchHr([&]() -> HRESULT {
                 CCVariant object;
@@ -326,6 +322,18 @@ void CNotfyBase::BeginEvent(CCWMIAccess& source, const CEventStepTexts& texts, c
     if (SUCCEEDED(hr))
         hr = m_wmi.SetProperty("DeviceId", deviceId.Ptr());
     RaiseIfFailed(hr, szQualifiedName, texts.szDeviceId);
+}
+
+bool CNotfyBase::OpenStoredInstances(CCWMIAccess& stored, const char* szQualifiedName, bool bNeedReferencedNamespace)
+{
+    stored = static_cast<IWbemServices*>(m_wmi);
+    stored.SetContext(m_context);
+    if ((bNeedReferencedNamespace && m_sReferencedNamespace.empty()) ||
+        FAILED(stored.GetClassInstances(m_sEventClassName.c_str(), 0))) {
+        GetTrace().TraceMsg(TRACE_VERBOSE, szQualifiedName, "Internal", "No instances to delete. ", "");
+        return false;
+    }
+    return true;
 }
 
 HRESULT CNotfyBase::GetStoredInstance(CCWMIAccess& stored)

@@ -89,6 +89,10 @@ protected:
     // Fetches, into stored (attached to the event namespace with the feature context), the stored
     // instance whose path is the __RelPath of the event being built. WBEM_E_NOT_FOUND when none is.
     HRESULT GetStoredInstance(CCWMIAccess& stored);
+    // Attaches stored to the event namespace with the feature context and enumerates the stored
+    // instances of the event class; false, traced "No instances to delete. ", when there are none to
+    // examine (with bNeedReferencedNamespace also when the referenced-object namespace is empty).
+    bool OpenStoredInstances(CCWMIAccess& stored, const char* szQualifiedName, bool bNeedReferencedNamespace);
     // After an unchanged status: true when the stored instance exists and one of the properties
     // differs from the event's (variant comparison, user's default locale).
     bool StoredDiffers(std::initializer_list<const char*> properties);

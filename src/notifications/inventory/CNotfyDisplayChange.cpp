@@ -269,12 +269,8 @@ HRESULT CNotfyDisplayChange::GetObsoleteInstances()
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
     return trace.Return(CatchHr([&]() -> HRESULT {
         CCWMIAccess stored;
-        stored = static_cast<IWbemServices*>(m_wmi);
-        stored.SetContext(m_context);
-        if (m_sReferencedNamespace.empty() || FAILED(stored.GetClassInstances(m_sEventClassName.c_str(), 0))) {
-            GetTrace().TraceMsg(TRACE_VERBOSE, kName, "Internal", "No instances to delete. ", "");
+        if (!OpenStoredInstances(stored, kName, true))
             return S_OK;
-        }
         CCWMIAccess data;
         data.SetContext(m_context);
         // A failed connection shows as the failure of the first search.

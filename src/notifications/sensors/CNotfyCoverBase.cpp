@@ -13,12 +13,8 @@ HRESULT CNotfyCoverBase::DeleteObsoleteFirstInstance(const char* szQualifiedName
     constexpr char kNoPath[] = "Raising exception because Could not get the Path of the referenced object.";
     return CatchHr([&]() -> HRESULT {
         CCWMIAccess stored;
-        stored = static_cast<IWbemServices*>(m_wmi);
-        stored.SetContext(m_context);
-        if (FAILED(stored.GetClassInstances(m_sEventClassName.c_str(), 0))) {
-            GetTrace().TraceMsg(TRACE_VERBOSE, szQualifiedName, "Internal", "No instances to delete. ", "");
+        if (!OpenStoredInstances(stored, szQualifiedName, false))
             return S_OK;
-        }
         CCVariant object;
         HRESULT hr = stored.GetProperty("Object", object.GetAddress(), false, 0);
         if (SUCCEEDED(hr) && object.Type() == VT_BSTR && V_BSTR(&object.Get())) {
