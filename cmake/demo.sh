@@ -33,8 +33,8 @@ rm -f "$trace"
 "$run" reg add "$key" /v TraceLevel /t REG_DWORD /d 3 /f >/dev/null
 "$run" reg add "$key" /v TraceFile /t REG_SZ /d "$(windows_path "$trace")" /f >/dev/null
 
-# Exit status 1 means that some requests failed (kinds this build does not contain yet answer
-# E_INVALIDARG with their id); anything else is a real failure of the demo.
+# Exit status 1 means that some requests answered a failure (the physical disk kind, 65, always
+# answers WBEM_E_NOT_SUPPORTED); anything else is a real failure of the demo.
 notifyctl_cycle() {
     status=0
     "$run" "$build/bin/notifyctl.exe" cycle "$@" || status=$?

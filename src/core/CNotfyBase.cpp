@@ -162,6 +162,8 @@ HRESULT CNotfyBase::RetrieveSourceEvents(const char* szQualifiedName, const CEve
         BeginEvent(source, texts, szQualifiedName);
         const HRESULT hrData = setEventData(source);
         RaiseIfFailed(hrData, szQualifiedName, texts.szSetEventData);
+        if (hrData == NOTFY_S_SKIP)
+            throw HResultError{hrData};  // traced where the item was found unfit
         CompleteEvent(hrData, szQualifiedName, texts);
     });
 }

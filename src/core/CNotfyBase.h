@@ -101,7 +101,7 @@ protected:
     HRESULT SetEventTypeFromStored(unsigned long dwStatus, LONG lImprovedType, const char* szQualifiedName,
                                    const char* szSameText);
     // The usual item of the source loop over m_sAuxiliary in m_sReferencedNamespace: BeginEvent,
-    // setEventData (a failure raised with the step's text), CompleteEvent.
+    // setEventData (a failure raised with the step's text; NOTFY_S_SKIP ends the item), CompleteEvent.
     HRESULT RetrieveSourceEvents(const char* szQualifiedName, const CEventStepTexts& texts,
                                  const std::function<HRESULT(CCWMIAccess& source)>& setEventData);
     // The feature context value of szKey, empty when absent.

@@ -19,7 +19,9 @@
 #include "notifications/inventory/CNotfyVideoAdapterChange.h"
 #include "notifications/sensors/CNotfyCoverOpening.h"
 #include "notifications/sensors/CNotfyCoverSensor.h"
+#include "notifications/sensors/CNotfyFanDeterioration.h"
 #include "notifications/sensors/CNotfyFanMonitoring.h"
+#include "notifications/sensors/CNotfyHardDisksSMART.h"
 #include "notifications/sensors/CNotfyTemperature.h"
 #include "notifications/sensors/CNotfyVoltage.h"
 
@@ -69,12 +71,12 @@ const std::array<CNotificationHandler::KindEntry, 20>& CNotificationHandler::Kin
 {
     // Kinds not yet part of this build have no factory.
     static const std::array<KindEntry, 20> s_table = {{
-        {1, "CNotfyHardDisksSMART", nullptr},
+        {1, "CNotfyHardDisksSMART", &CreateKind<CNotfyHardDisksSMART>},
         {2, "CNotfyCoverOpening", &CreateKind<CNotfyCoverOpening>},
         {3, "CNotfyCoverSensor", &CreateKind<CNotfyCoverSensor>},
         {7, "CNotfyTemperature", &CreateKind<CNotfyTemperature>},
         {8, "CNotfyFanMonitoring", &CreateKind<CNotfyFanMonitoring>},
-        {9, "CNotfyFanDeterioration", nullptr},
+        {9, "CNotfyFanDeterioration", &CreateKind<CNotfyFanDeterioration>},
         {11, "CNotfyVoltage", &CreateKind<CNotfyVoltage>},
         {21, "CNotfyHardDisksFreeSpaceData", &CreateKind<CNotfyHardDisksFreeSpaceData>},
         {22, "CNotfyMemoryChange", &CreateKind<CNotfyMemoryChange>},

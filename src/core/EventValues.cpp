@@ -13,6 +13,16 @@ HRESULT PutI4(CCWMIAccess& access, const char* szProperty, LONG lValue)
     return access.SetProperty(szProperty, value.Ptr());
 }
 
+HRESULT PutText(CCWMIAccess& access, const char* szProperty, const std::wstring& wsValue)
+{
+    CCVariant value;
+    V_VT(value.Ptr()) = VT_BSTR;
+    V_BSTR(value.Ptr()) = SysAllocStringLen(wsValue.data(), static_cast<UINT>(wsValue.size()));
+    if (!V_BSTR(value.Ptr()))
+        return WBEM_E_OUT_OF_MEMORY;
+    return access.SetProperty(szProperty, value.Ptr());
+}
+
 HRESULT PutTextArray(CCWMIAccess& access, const char* szProperty, const std::vector<std::wstring>& texts)
 {
     CCSafeArray array(SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(texts.size())));
@@ -62,6 +72,18 @@ HRESULT ReadText(CCWMIAccess& access, const char* szProperty, std::wstring* pwsV
     return hr;
 }
 
+HRESULT ReadBool(CCWMIAccess& access, const char* szProperty, bool* pbValue)
+{
+    CCVariant value;
+    const HRESULT hr = access.GetProperty(szProperty, value.GetAddress(), false, 0);
+    if (FAILED(hr))
+        return hr;
+    if (value.Type() != VT_BOOL)
+        return WBEM_E_TYPE_MISMATCH;
+    *pbValue = V_BOOL(&value.Get()) != VARIANT_FALSE;
+    return hr;
+}
+
 HRESULT ReadTextArray(CCWMIAccess& access, const char* szProperty, std::vector<std::wstring>* pTexts)
 {
     CCVariant value;
@@ -84,6 +106,27 @@ HRESULT ReadTextArray(CCWMIAccess& access, const char* szProperty, std::vector<s
         pTexts->emplace_back(text.Get() ? text.Get() : L"", text.Length());
     }
     return hr;
+}
+
+HRESULT GetObjectAt(CCWMIAccess& access, const wchar_t* wszPath)
+{
+    CCStringConversion path(wszPath);
+    const char* szPath = path.Convert2A();
+    // A null path would fetch an empty class object instead of failing.
+    if (!szPath)
+        return WBEM_E_INVALID_OBJECT_PATH;
+    return access.GetObject(szPath);
+}
+
+std::wstring QuotedText(const std::wstring& wsText)
+{
+    std::wstring wsQuoted = L"\"";
+    for (const wchar_t wc : wsText) {
+        if (wc == L'"' || wc == L'\\')
+            wsQuoted += L'\\';
+        wsQuoted += wc;
+    }
+    return wsQuoted + L"\"";
 }
 
 void RaiseIfFailed(HRESULT hr, const char* szQualifiedName, const char* szMessage)

@@ -9,6 +9,9 @@
 // Writes a 32-bit integer property.
 HRESULT PutI4(CCWMIAccess& access, const char* szProperty, LONG lValue);
 
+// Writes a text property (VT_BSTR).
+HRESULT PutText(CCWMIAccess& access, const char* szProperty, const std::wstring& wsValue);
+
 // Writes an array of texts (VT_ARRAY | VT_BSTR).
 HRESULT PutTextArray(CCWMIAccess& access, const char* szProperty, const std::vector<std::wstring>& texts);
 
@@ -18,8 +21,18 @@ HRESULT ReadI4(CCWMIAccess& access, const char* szProperty, LONG* plValue);
 // Reads a VT_BSTR property; another type is WBEM_E_TYPE_MISMATCH. A null BSTR reads as empty.
 HRESULT ReadText(CCWMIAccess& access, const char* szProperty, std::wstring* pwsValue);
 
+// Reads a VT_BOOL property; another type is WBEM_E_TYPE_MISMATCH.
+HRESULT ReadBool(CCWMIAccess& access, const char* szProperty, bool* pbValue);
+
 // Reads a VT_ARRAY | VT_BSTR property element by element; another type is WBEM_E_TYPE_MISMATCH.
 HRESULT ReadTextArray(CCWMIAccess& access, const char* szProperty, std::vector<std::wstring>* pTexts);
+
+// GetObject with a wide path; a path without a narrow form is WBEM_E_INVALID_OBJECT_PATH.
+HRESULT GetObjectAt(CCWMIAccess& access, const wchar_t* wszPath);
+
+// wsText in double quotes, with quotes and backslashes escaped, so that it cannot end the string
+// literal of a query or the key of an object path it is put into.
+std::wstring QuotedText(const std::wstring& wsText);
 
 // Raises hr, traced with szMessage, when it is a failure.
 void RaiseIfFailed(HRESULT hr, const char* szQualifiedName, const char* szMessage);

@@ -185,23 +185,6 @@ TEST_F(HandlerTest, FailuresAnswerAsTheReturnValueTableSays)
     }
 }
 
-// Every id of the table either reaches its kind or, for a kind missing from this build, answers
-// exactly as an unknown id does.
-TEST_F(HandlerTest, KindsMissingFromTheBuildAnswerAsUnknownIds)
-{
-    ComPtr<INotifications> pHandler = InitializedHandler();
-    ASSERT_TRUE(pHandler);
-    for (const CNotificationHandler::KindEntry& entry : CNotificationHandler::KindTable()) {
-        if (entry.pfnCreate)
-            continue;
-        EXPECT_EQ(FailedRequest(pHandler.Get(), entry.ulNotfyId, entry.ulNotfyId, entry.szClassName), E_INVALIDARG)
-            << entry.szClassName;
-        ULONG ulReturn = kSentinel;
-        EXPECT_EQ(pHandler->DeleteObsoleteInstances(entry.ulNotfyId, &ulReturn), E_INVALIDARG) << entry.szClassName;
-        EXPECT_EQ(ulReturn, entry.ulNotfyId) << entry.szClassName;
-    }
-}
-
 TEST_F(HandlerTest, SimulationYieldsOneFreshEventPerRequest)
 {
     ComPtr<INotifications> pHandler = InitializedHandler();

@@ -1,5 +1,6 @@
 """notifyctl --format json against a fresh copy of the event namespace: the document parses and
-carries what the handler returned, and a cycle stores the event it got."""
+carries what the handler returned, and a cycle stores the event it got; on the example
+workstation every id of the table reports."""
 import json
 import shutil
 import subprocess
@@ -62,6 +63,21 @@ with tempfile.TemporaryDirectory() as folder:
 
     code, document = notifyctl_json(repository, "delete", "59")
     check(code == 0 and document == [{"id": 59, "hr": "0x00040017", "returnValue": 0}], f"delete: {document}")
+
+# Every id of the table answers on the example workstation; none as an unknown id.
+with tempfile.TemporaryDirectory() as folder:
+    repository = Path(folder)
+    for mof in schema.glob("*.mof"):
+        shutil.copy(mof, repository / ("00_" + mof.name))
+    for mof in (schema.parent / "examples" / "workstation").glob("*.mof"):
+        if mof.name != "change.mof":
+            shutil.copy(mof, repository)
+    code, document = notifyctl_json(repository, "cycle", "all")
+    ids = [entry["id"] for entry in document]
+    check(1 in ids and 9 in ids and len(ids) == 20, f"cycle all ids: {ids}")
+    for entry in document:
+        check(entry["hr"] != "0x80070057", f"id {entry['id']} answered as unknown")
+        check(entry["id"] == 65 or entry["instances"], f"id {entry['id']} reported nothing on the workstation")
 
 if failures:
     print("FAILED:\n  " + "\n  ".join(failures))

@@ -78,13 +78,7 @@ bool IsClassName(const std::wstring& wsName)
 // and add conditions of its own.
 std::string SerialNumberQuery(const std::wstring& wsClass, const std::wstring& wsSerial)
 {
-    std::wstring wsQuery = L"select * from " + wsClass + L" where SerialNumber = \"";
-    for (const wchar_t wc : wsSerial) {
-        if (wc == L'"' || wc == L'\\')
-            wsQuery.push_back(L'\\');
-        wsQuery.push_back(wc);
-    }
-    wsQuery.push_back(L'"');
+    const std::wstring wsQuery = L"select * from " + wsClass + L" where SerialNumber = " + QuotedText(wsSerial);
     CCStringConversion query(wsQuery.c_str());
     const char* szQuery = query.Convert2A();
     return szQuery ? szQuery : "";

@@ -30,13 +30,6 @@ std::wstring ReadDeviceId(CCWMIAccess& disk, const char* szQualifiedName)
     return wsDeviceId;
 }
 
-HRESULT PutText(CCWMIAccess& access, const char* szProperty, const std::wstring& wsText)
-{
-    CCVariant value;
-    value.SetText(wsText.c_str());
-    return access.SetProperty(szProperty, value.Ptr());
-}
-
 }  // namespace
 
 CNotfyHardDisksFreeSpace::CNotfyHardDisksFreeSpace(const char* szKindName, unsigned long ulNotfyId,

@@ -46,16 +46,6 @@ std::wstring SpeedText(const std::optional<LONG>& speed)
     return std::to_wstring(static_cast<unsigned long>(speed.value_or(0)));
 }
 
-HRESULT PutText(CCWMIAccess& access, const char* szProperty, const std::wstring& wsValue)
-{
-    CCVariant value;
-    V_VT(value.Ptr()) = VT_BSTR;
-    V_BSTR(value.Ptr()) = SysAllocStringLen(wsValue.data(), static_cast<UINT>(wsValue.size()));
-    if (!V_BSTR(value.Ptr()))
-        return E_OUTOFMEMORY;
-    return access.SetProperty(szProperty, value.Ptr());
-}
-
 wchar_t FoldLetter(wchar_t wc)
 {
     return (wc >= L'a' && wc <= L'z') ? static_cast<wchar_t>(wc - L'a' + L'A') : wc;

@@ -35,25 +35,3 @@ HRESULT CNotfyCoverBase::DeleteObsoleteFirstInstance(const char* szQualifiedName
         return DeleteInstancesInList();
     });
 }
-
-HRESULT CNotfyCoverBase::ReadBool(CCWMIAccess& access, const char* szProperty, bool* pbValue)
-{
-    CCVariant value;
-    const HRESULT hr = access.GetProperty(szProperty, value.GetAddress(), false, 0);
-    if (FAILED(hr))
-        return hr;
-    if (value.Type() != VT_BOOL)
-        return WBEM_E_TYPE_MISMATCH;
-    *pbValue = V_BOOL(&value.Get()) != VARIANT_FALSE;
-    return hr;
-}
-
-HRESULT CNotfyCoverBase::GetObjectAt(CCWMIAccess& access, const wchar_t* wszPath)
-{
-    CCStringConversion path(wszPath);
-    const char* szPath = path.Convert2A();
-    // A null path would fetch an empty class object instead of failing.
-    if (!szPath)
-        return WBEM_E_INVALID_OBJECT_PATH;
-    return access.GetObject(szPath);
-}

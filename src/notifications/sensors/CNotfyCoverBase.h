@@ -16,9 +16,4 @@ protected:
     // deletes the listed instances. isLiveObsolete may raise to end the deletion with its code.
     HRESULT DeleteObsoleteFirstInstance(const char* szQualifiedName, EMissingPath missingPath,
                                         const std::function<bool(CCWMIAccess& live)>& isLiveObsolete);
-
-    // Reads a VT_BOOL property; another type is WBEM_E_TYPE_MISMATCH.
-    static HRESULT ReadBool(CCWMIAccess& access, const char* szProperty, bool* pbValue);
-    // GetObject with a wide path; a path without a narrow form is WBEM_E_INVALID_OBJECT_PATH.
-    static HRESULT GetObjectAt(CCWMIAccess& access, const wchar_t* wszPath);
 };

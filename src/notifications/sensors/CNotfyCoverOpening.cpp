@@ -28,18 +28,6 @@ constexpr char kSwitchFailed[] = "Raising exception because Accessing the switch
 // is shared by every request, which may run on several threads.
 std::atomic<bool> g_bReadLatched{true};
 
-// A quoted key value of an object path, escaped as in MOF so that the value cannot end the path.
-std::wstring QuotedKey(const std::wstring& wsValue)
-{
-    std::wstring wsQuoted = L"\"";
-    for (const wchar_t wc : wsValue) {
-        if (wc == L'"' || wc == L'\\')
-            wsQuoted += L'\\';
-        wsQuoted += wc;
-    }
-    return wsQuoted + L"\"";
-}
-
 }  // namespace
 
 CNotfyCoverOpening::CNotfyCoverOpening() : m_sSwitchClassName("COXL_IntrusionSwitch")
@@ -108,7 +96,7 @@ HRESULT CNotfyCoverOpening::FetchSwitch(CCWMIAccess& from, const std::wstring& w
     target.SetContext(m_context);
     target = static_cast<IWbemServices*>(from);
     const std::wstring wsPath =
-        std::wstring(m_sSwitchClassName.begin(), m_sSwitchClassName.end()) + L".DeviceID=" + QuotedKey(wsDeviceId);
+        std::wstring(m_sSwitchClassName.begin(), m_sSwitchClassName.end()) + L".DeviceID=" + QuotedText(wsDeviceId);
     return GetObjectAt(target, wsPath.c_str());
 }
 
