@@ -167,7 +167,7 @@ HRESULT CimServices::GetObject(const BSTR strObjectPath, long lFlags, IWbemConte
         StoreState& state = StoreState::Get();
         state.RecordContext(L"GetObject", pCtx);
         const std::wstring wsPath = Text(strObjectPath);
-        HRESULT hr = state.CheckFault(L"GetObject", {wsPath, PathClass(wsPath)});
+        HRESULT hr = state.CheckFault(L"GetObject", {wsPath, PathClass(wsPath)}, m_wsNamespace);
         if (FAILED(hr))
             return hr;
         if (wsPath.empty())
@@ -249,7 +249,7 @@ HRESULT CimServices::PutInstance(IWbemClassObject* pInst, long lFlags, IWbemCont
         if (pObject->IsClass())
             return Hr(WBEM_E_INVALID_OPERATION);
         const CimInstance instance = pObject->InstanceCopy();
-        HRESULT hr = state.CheckFault(L"PutInstance", {instance.ClassName(), instance.RelPath()});
+        HRESULT hr = state.CheckFault(L"PutInstance", {instance.ClassName(), instance.RelPath()}, m_wsNamespace);
         if (FAILED(hr))
             return hr;
         if (IsPlatformClass(state.Repository(), m_wsNamespace, instance.ClassName()))
@@ -266,7 +266,7 @@ HRESULT CimServices::PutForeignInstance(IWbemClassObject* pInst)
     if (wsClass.empty())
         return Hr(WBEM_E_INVALID_PARAMETER);
     StoreState& state = StoreState::Get();
-    const HRESULT hr = state.CheckFault(L"PutInstance", {wsClass, ForeignText(pInst, L"__RELPATH")});
+    const HRESULT hr = state.CheckFault(L"PutInstance", {wsClass, ForeignText(pInst, L"__RELPATH")}, m_wsNamespace);
     if (FAILED(hr))
         return hr;
     return IsPlatformClass(state.Repository(), m_wsNamespace, wsClass) ? Hr(WBEM_E_ACCESS_DENIED)
@@ -288,7 +288,7 @@ HRESULT CimServices::DeleteInstance(const BSTR strObjectPath, long, IWbemContext
         StoreState& state = StoreState::Get();
         state.RecordContext(L"DeleteInstance", pCtx);
         const std::wstring wsPath = Text(strObjectPath);
-        HRESULT hr = state.CheckFault(L"DeleteInstance", {wsPath, PathClass(wsPath)});
+        HRESULT hr = state.CheckFault(L"DeleteInstance", {wsPath, PathClass(wsPath)}, m_wsNamespace);
         if (FAILED(hr))
             return hr;
         ObjectPath path;
@@ -319,7 +319,7 @@ HRESULT CimServices::CreateInstanceEnum(const BSTR strFilter, long lFlags, IWbem
         StoreState& state = StoreState::Get();
         state.RecordContext(L"CreateInstanceEnum", pCtx);
         const std::wstring wsClass = Text(strFilter);
-        HRESULT hr = state.CheckFault(L"CreateInstanceEnum", {wsClass});
+        HRESULT hr = state.CheckFault(L"CreateInstanceEnum", {wsClass}, m_wsNamespace);
         if (FAILED(hr))
             return hr;
         if (IsPlatformClass(state.Repository(), m_wsNamespace, wsClass))
@@ -353,7 +353,7 @@ HRESULT CimServices::ExecQuery(const BSTR strQueryLanguage, const BSTR strQuery,
         state.RecordContext(L"ExecQuery", pCtx);
         const std::wstring wsQuery = Text(strQuery);
         const QueryTarget target = QueryClass(wsQuery);
-        HRESULT hr = state.CheckFault(L"ExecQuery", {wsQuery, target.wsClass});
+        HRESULT hr = state.CheckFault(L"ExecQuery", {wsQuery, target.wsClass}, m_wsNamespace);
         if (FAILED(hr))
             return hr;
         if (target.bSelect && IsPlatformClass(state.Repository(), m_wsNamespace, target.wsClass))

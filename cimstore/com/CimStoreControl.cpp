@@ -129,6 +129,32 @@ HRESULT WINAPI CimStoreLastLocatorClass(CLSID* pClsid)
     return S_OK;
 }
 
+HRESULT WINAPI CimStoreRecordCalls(BOOL bOn)
+{
+    return CatchHr([&] {
+        StoreState::Get().RecordCalls(bOn != FALSE);
+        return S_OK;
+    });
+}
+
+HRESULT WINAPI CimStoreGetCallRecords(BSTR* pbstrRecords)
+{
+    if (!pbstrRecords)
+        return E_POINTER;
+    *pbstrRecords = nullptr;
+    return CatchHr([&] {
+        std::wstring wsText;
+        for (const cimstore::com::CallRecord& record : StoreState::Get().CallRecords()) {
+            wsText += record.method + L"\t" + record.wsNamespace;
+            for (const std::wstring& wsTarget : record.targets)
+                wsText += L"\t" + wsTarget;
+            wsText += L"\n";
+        }
+        *pbstrRecords = SysAllocStringLen(wsText.data(), static_cast<UINT>(wsText.size()));
+        return *pbstrRecords ? S_OK : E_OUTOFMEMORY;
+    });
+}
+
 LONG WINAPI CimStoreContextRecordCount()
 {
     try {

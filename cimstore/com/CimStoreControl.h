@@ -37,6 +37,11 @@ CIMSTORE_API HRESULT WINAPI CimStoreInjectFault(const wchar_t* wszMethod, const 
 // Removes every fault and restarts the call count.
 CIMSTORE_API HRESULT WINAPI CimStoreClearFaults();
 CIMSTORE_API LONG WINAPI CimStoreCallCount();
+// Starts (bOn) or stops recording every store call; either clears the records.
+CIMSTORE_API HRESULT WINAPI CimStoreRecordCalls(BOOL bOn);
+// The recorded calls, one line each: method, namespace (empty for calls on objects and
+// enumerators) and the targets faults match, separated by tabs. The caller frees the BSTR.
+CIMSTORE_API HRESULT WINAPI CimStoreGetCallRecords(BSTR* pbstrRecords);
 
 // The class through which the last locator was created (CLSID_WbemLocator,
 // CLSID_WbemAdministrativeLocator or CimStore's own); GUID_NULL before the first.

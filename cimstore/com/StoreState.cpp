@@ -91,12 +91,17 @@ void StoreState::Reset()
     m_faults.clear();
     m_records.clear();
     m_lCalls = 0;
+    m_bRecordCalls = false;
+    m_calls.clear();
 }
 
-HRESULT StoreState::CheckFault(const wchar_t* wszMethod, const std::vector<std::wstring>& targets)
+HRESULT StoreState::CheckFault(const wchar_t* wszMethod, const std::vector<std::wstring>& targets,
+                               const std::wstring& wsNamespace)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     ++m_lCalls;
+    if (m_bRecordCalls)
+        m_calls.push_back({wszMethod, wsNamespace, targets});
     for (FaultRule& rule : m_faults) {
         if (!rule.method.empty() && !EqualsNoCase(rule.method, wszMethod))
             continue;
@@ -122,6 +127,19 @@ void StoreState::ClearFaults()
     std::lock_guard<std::mutex> lock(m_mutex);
     m_faults.clear();
     m_lCalls = 0;
+}
+
+void StoreState::RecordCalls(bool bOn)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_bRecordCalls = bOn;
+    m_calls.clear();
+}
+
+std::vector<CallRecord> StoreState::CallRecords() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_calls;
 }
 
 long StoreState::CallCount() const

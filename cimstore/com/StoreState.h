@@ -17,6 +17,14 @@ struct ContextRecord {
     std::vector<std::pair<std::wstring, std::wstring>> values;  // name, value as text
 };
 
+// One store call: its method, the namespace of the services object (empty for calls on objects
+// and enumerators) and the targets that faults match.
+struct CallRecord {
+    std::wstring method;
+    std::wstring wsNamespace;
+    std::vector<std::wstring> targets;
+};
+
 struct FaultRule {
     std::wstring method;  // empty: any method
     std::wstring target;  // class, path or namespace; empty: any
@@ -41,11 +49,17 @@ public:
     // Empty repository, no folder, no faults, no records.
     void Reset();
 
-    // Counts a store call and answers the fault to inject for it (S_OK for none).
-    HRESULT CheckFault(const wchar_t* wszMethod, const std::vector<std::wstring>& targets);
+    // Counts (and, while recording, records) a store call and answers the fault to inject for it
+    // (S_OK for none).
+    HRESULT CheckFault(const wchar_t* wszMethod, const std::vector<std::wstring>& targets,
+                       const std::wstring& wsNamespace = {});
     void AddFault(FaultRule rule);
     void ClearFaults();
     long CallCount() const;
+
+    // Starts (or stops) recording the store calls; either clears the records.
+    void RecordCalls(bool bOn);
+    std::vector<CallRecord> CallRecords() const;
 
     void RecordLocatorClass(const CLSID& clsid);
     CLSID LastLocatorClass() const;
@@ -64,6 +78,8 @@ private:
     std::wstring m_wsFolder;
     std::vector<FaultRule> m_faults;
     long m_lCalls = 0;
+    bool m_bRecordCalls = false;
+    std::vector<CallRecord> m_calls;
     std::vector<ContextRecord> m_records;
     CLSID m_lastLocatorClass = {};
 };

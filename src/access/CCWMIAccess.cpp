@@ -115,6 +115,12 @@ CCWMIAccess& CCWMIAccess::operator=(IWbemServices* pServices)
     return *this;
 }
 
+void CCWMIAccess::ShareConnection(IWbemServices* pServices, const char* szNamespace)
+{
+    m_pServices = pServices;
+    CopyName(m_szNamespace, szNamespace);
+}
+
 CCWMIAccess::operator IWbemServices*() const
 {
     GetTrace().TraceMsg(TRACE_INFO_CC, "CCWMIAccess::operator IWbemServices*", "Internal", "", "pRet 0x%08X",

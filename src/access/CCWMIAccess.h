@@ -33,6 +33,10 @@ public:
     HRESULT SetProxyBlanket();
     HRESULT SetContext(const char* szFeatureName, const char* szFeatureVersion, const char* szContextName);
     HRESULT SetContext(const std::map<std::string, std::string>& values);
+    // Uses the context another access object built (shared, not copied).
+    void ShareContext(IWbemContext* pContext) { m_pContext = pContext; }
+    // Uses a connection another access object opened to szNamespace.
+    void ShareConnection(IWbemServices* pServices, const char* szNamespace);
 
     HRESULT ExecuteQuery(const char* szWQLQuery, long lFlags);
     HRESULT GetClassInstances(const char* szClassname, long lFlags);

@@ -194,8 +194,7 @@ HRESULT CNotfyBase::GetObsoleteInstances()
                     throw HResultError{NOTFY_S_SKIP};
                 }
                 CCWMIAccess live;
-                live.SetContext(m_context);
-                hr = live.ConnectToNamespace(m_sReferencedNamespace.c_str(), -1, nullptr);
+                hr = OpenAccess(live, m_sReferencedNamespace.c_str());
                 if (FAILED(hr))
                     RaiseHr(hr, kName, kNoPath, "hr 0x%X", static_cast<unsigned>(hr));
                 CCStringConversion path(V_BSTR(&object.Get()));
@@ -283,9 +282,8 @@ HRESULT CNotfyBase::ForEachSourceInstance(const char* szQualifiedName, const cha
                                           ENoSourceData noData)
 {
     CCWMIAccess source;
-    source.SetContext(m_context);
     // A failed connection shows as the failure of the query.
-    source.ConnectToNamespace(szNamespace, -1, nullptr);
+    OpenAccess(source, szNamespace);
     const HRESULT hr = source.ExecuteQuery(szQuery, 0);
     if (hr == static_cast<HRESULT>(WBEM_E_NOT_AVAILABLE) && noData == ENoSourceData::Success) {
         GetTrace().TraceMsg(TRACE_VERBOSE, szQualifiedName, "Internal",
@@ -329,7 +327,7 @@ void CNotfyBase::BeginEvent(CCWMIAccess& source, const CEventStepTexts& texts, c
 bool CNotfyBase::OpenStoredInstances(CCWMIAccess& stored, const char* szQualifiedName, bool bNeedReferencedNamespace)
 {
     stored = static_cast<IWbemServices*>(m_wmi);
-    stored.SetContext(m_context);
+    OpenAccess(stored);
     if ((bNeedReferencedNamespace && m_sReferencedNamespace.empty()) ||
         FAILED(stored.GetClassInstances(m_sEventClassName.c_str(), 0))) {
         GetTrace().TraceMsg(TRACE_VERBOSE, szQualifiedName, "Internal", "No instances to delete. ", "");
@@ -348,7 +346,7 @@ HRESULT CNotfyBase::GetStoredInstance(CCWMIAccess& stored)
     if (FAILED(hr))
         return hr;
     stored = static_cast<IWbemServices*>(m_wmi);
-    stored.SetContext(m_context);
+    OpenAccess(stored);
     CCStringConversion path(V_BSTR(&relPath.Get()));
     return stored.GetObject(path.Convert2A());
 }
@@ -367,6 +365,22 @@ bool CNotfyBase::StoredDiffers(std::initializer_list<const char*> properties)
             return true;
     }
     return false;
+}
+
+HRESULT CNotfyBase::OpenAccess(CCWMIAccess& access, const char* szNamespace) const
+{
+    access.ShareContext(m_wmi.GetContext());
+    if (!szNamespace)
+        return S_OK;
+    const auto it = m_connections.find(szNamespace);
+    if (it != m_connections.end()) {
+        access.ShareConnection(it->second.Get(), szNamespace);
+        return S_OK;
+    }
+    const HRESULT hr = access.ConnectToNamespace(szNamespace, -1, nullptr);
+    if (SUCCEEDED(hr))
+        m_connections[szNamespace] = static_cast<IWbemServices*>(access);
+    return hr;
 }
 
 std::string CNotfyBase::ContextValue(const char* szKey) const

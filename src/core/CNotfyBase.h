@@ -3,6 +3,7 @@
 #pragma once
 
 #include "access/CCWMIAccess.h"
+#include "core/CNotificationModify.h"
 
 #include <wrl/client.h>
 
@@ -104,6 +105,9 @@ protected:
     // setEventData (a failure raised with the step's text; NOTFY_S_SKIP ends the item), CompleteEvent.
     HRESULT RetrieveSourceEvents(const char* szQualifiedName, const CEventStepTexts& texts,
                                  const std::function<HRESULT(CCWMIAccess& source)>& setEventData);
+    // Prepares access for this request's store calls: the request's context and, with szNamespace,
+    // a connection to it. A namespace is connected once per request and the connection shared.
+    HRESULT OpenAccess(CCWMIAccess& access, const char* szNamespace = nullptr) const;
     // The feature context value of szKey, empty when absent.
     std::string ContextValue(const char* szKey) const;
 
@@ -116,4 +120,8 @@ protected:
     std::map<std::string, std::string> m_context;
     std::string m_sReferencedNamespace = "root\\cimv2";
     std::string m_sAuxiliary;
+
+private:
+    mutable std::map<std::string, Microsoft::WRL::ComPtr<IWbemServices>> m_connections;
+    CCommonNames m_commonNames;
 };

@@ -25,6 +25,7 @@
 #include "notifications/sensors/CNotfyTemperature.h"
 #include "notifications/sensors/CNotfyVoltage.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <new>
 #include <vector>
@@ -258,9 +259,12 @@ HRESULT CNotificationHandler::CollectInstances(std::unique_ptr<CNotfyBase> pObje
             *pulReturnValue = kFailedBeforeObject;
             RaiseHr(E_OUTOFMEMORY, kName, "Raising exception because Memory allocation failed", "");
         }
+        // Allocated before the object hands out references, so that taking them over cannot fail.
+        std::vector<ComPtr<IWbemClassObject>> instances(ulCount);
         hr = pObject->GetInstances(apInstances.get(), &ulCount);
         // Each filled slot holds a reference of ours from here on, whatever happens next.
-        std::vector<ComPtr<IWbemClassObject>> instances(ulCount);
+        ulCount = std::min<unsigned long>(ulCount, static_cast<unsigned long>(instances.size()));
+        instances.resize(ulCount);
         for (unsigned long i = 0; i < ulCount; ++i)
             TakeOwnership(instances[i], apInstances[i]);
         apInstances.reset();

@@ -109,7 +109,7 @@ HRESULT CNotfyBase::SetCommonData()
             RaiseHr(hr, kName, "Raising exception because SetProperty on 'EventTime' failed", "hr 0x%X",
                     static_cast<unsigned>(hr));
 
-        CNotificationModify modify;
+        CNotificationModify modify(&m_commonNames);
         hr = modify.CompleteInstance(m_wmi);
         if (FAILED(hr))
             RaiseHr(hr, kName, "Raising exception because CompleteInstance failed", "hr 0x%X",
@@ -118,7 +118,7 @@ HRESULT CNotfyBase::SetCommonData()
     }));
 }
 
-CNotificationModify::CNotificationModify()
+CNotificationModify::CNotificationModify(CCommonNames* pNames) : m_pNames(pNames)
 {
     GetTrace().TraceMsg(TRACE_INFO, "CNotificationModify::CNotificationModify", "Internal",
                         "An instance of CNotificationModify has been created.", "");
@@ -160,6 +160,12 @@ HRESULT CNotificationModify::SetSystemName()
 {
     constexpr char kName[] = "CNotificationModify::SetSystemName";
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
+    if (m_pNames && !m_pNames->wsMachineName.empty() && !m_pNames->wsDnsName.empty()) {
+        HRESULT hr = PutText(L"MachineName", m_pNames->wsMachineName.c_str());
+        if (SUCCEEDED(hr))
+            hr = PutText(L"DNSName", m_pNames->wsDnsName.c_str());
+        return trace.Return(hr);
+    }
     char szName[16] = {};
     DWORD cchName = sizeof(szName);
     if (!GetComputerNameA(szName, &cchName))
@@ -187,7 +193,12 @@ HRESULT CNotificationModify::SetSystemName()
                             static_cast<int>(GetLastError()));
         return trace.Return(WBEM_E_UNEXPECTED);
     }
-    return trace.Return(PutText(L"DNSName", wszDns.get()));
+    hr = PutText(L"DNSName", wszDns.get());
+    if (SUCCEEDED(hr) && m_pNames && wsName.Convert2W()) {
+        m_pNames->wsMachineName = wsName.Convert2W();
+        m_pNames->wsDnsName = wszDns.get();
+    }
+    return trace.Return(hr);
 }
 
 HRESULT CNotificationModify::SetUUID()
@@ -209,6 +220,10 @@ HRESULT CNotificationModify::SetIp()
 {
     constexpr char kName[] = "CNotificationModify::SetIp";
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
+    if (m_pNames && !m_pNames->wsIpAddress.empty()) {
+        PutText(L"IPAddresse", m_pNames->wsIpAddress.c_str());
+        return trace.Return(S_OK);
+    }
     CCCriticalSection::Lock lock(IpSection());
 
     WSADATA wsaData = {};
@@ -252,6 +267,9 @@ HRESULT CNotificationModify::SetIp()
         return trace.Return(E_FAIL);
     }
     CCStringConversion wsAddress(szAddress);
-    PutText(L"IPAddresse", wsAddress.Convert2W());
+    const wchar_t* wszAddress = wsAddress.Convert2W();
+    PutText(L"IPAddresse", wszAddress);
+    if (m_pNames && wszAddress)
+        m_pNames->wsIpAddress = wszAddress;
     return trace.Return(S_OK);
 }

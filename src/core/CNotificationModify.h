@@ -6,6 +6,8 @@
 
 #include <wrl/client.h>
 
+#include <string>
+
 // Platform calls behind the common data, replaceable so that tests can present other time
 // zones, an unreadable DNS name or a host name that does not resolve.
 struct CCommonDataPlatform {
@@ -21,9 +23,18 @@ long EventTimeOffset(DWORD dwZoneId, const TIME_ZONE_INFORMATION& tzi);
 // "yyyyMMddHHmmss.000000+ooo" for st and the offset; WBEM_E_UNEXPECTED when it does not fit.
 HRESULT FormatEventTime(const SYSTEMTIME& st, long lOffsetMinutes, char (&szTime)[30]);
 
+// The machine's names and address as the first event of a request found them: they cannot change
+// within one request, so its later events reuse them. Empty: not found yet.
+struct CCommonNames {
+    std::wstring wsMachineName;
+    std::wstring wsDnsName;
+    std::wstring wsIpAddress;
+};
+
 class CNotificationModify {
 public:
-    CNotificationModify();
+    // pNames (optional) carries what earlier events of the same request found.
+    explicit CNotificationModify(CCommonNames* pNames = nullptr);
     ~CNotificationModify();
     CNotificationModify(const CNotificationModify&) = delete;
     CNotificationModify& operator=(const CNotificationModify&) = delete;
@@ -38,4 +49,5 @@ private:
 
     Microsoft::WRL::ComPtr<IWbemClassObject> m_pInstance;
     long m_lAddressIndex = 0;
+    CCommonNames* m_pNames = nullptr;
 };

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <type_traits>
 
 namespace {
@@ -84,13 +85,14 @@ unsigned long CCEventLogCond::ReportEventCond(CCAssembly* pComponent, unsigned l
                                               const char* szEventSource, unsigned long ulCatId,
                                               unsigned long ulEventId, unsigned long ulArgCount, ...)
 {
-    std::unique_ptr<CAssemblyComponent> pAdapter;
+    // On the stack: reporting must not fail for want of memory before it starts.
+    std::optional<CAssemblyComponent> adapter;
     if (pComponent)
-        pAdapter = std::make_unique<CAssemblyComponent>(*pComponent);
+        adapter.emplace(*pComponent);
     va_list args;
     va_start(args, ulArgCount);
     const unsigned long ulResult =
-        ReportEventCondV(pAdapter.get(), ulSeverity, szLog, szEventSource, ulCatId, ulEventId, ulArgCount, args);
+        ReportEventCondV(adapter ? &*adapter : nullptr, ulSeverity, szLog, szEventSource, ulCatId, ulEventId, ulArgCount, args);
     va_end(args);
     return ulResult;
 }
@@ -116,19 +118,25 @@ unsigned long CCEventLogCond::ReportEventCondV(CCEventLogComponent* pComponent, 
                    "ulSeverity: %d, szLog: %s, szEventSource: %s, ulCatId: %d, ulEventId: %d, ulArgCount: %d",
                    static_cast<int>(ulSeverity), OrNull(szLog), OrNull(szEventSource), static_cast<int>(ulCatId),
                    static_cast<int>(ulEventId), static_cast<int>(ulArgCount));
+    // Nothing may escape to the caller, which can be a COM method or an export.
     const unsigned long ulResult = [&]() -> unsigned long {
-        if (!pComponent) {
-            trace.TraceMsg(TRACE_ERROR, kCondName, "Internal", "Assemlby pointer is null, I cannot continue!", "");
-            return EVENTLOG_RESULT_NO_COMPONENT;
+        try {
+            if (!pComponent) {
+                trace.TraceMsg(TRACE_ERROR, kCondName, "Internal", "Assemlby pointer is null, I cannot continue!", "");
+                return EVENTLOG_RESULT_NO_COMPONENT;
+            }
+            char szFeatureName[260] = {};
+            pComponent->GetFeatureName(szFeatureName, sizeof(szFeatureName));
+            if (!IsSourceActive(szLog, szEventSource, szFeatureName)) {
+                trace.TraceMsg(TRACE_VERBOSE, kCondName, "Internal", "Eventlogging is not active", "Log %s, Source %s",
+                               OrNull(szLog), OrNull(szEventSource));
+                return EVENTLOG_RESULT_NOT_ACTIVE;
+            }
+            return CCEventLog::ReportEventV(ulSeverity, szEventSource, ulCatId, ulEventId, ulArgCount, args);
+        } catch (...) {
+            trace.TraceMsg(TRACE_ERROR, kCondName, "Internal", "Reporting the event failed.", "");
+            return EVENTLOG_RESULT_REPORT_FAILED;
         }
-        char szFeatureName[260] = {};
-        pComponent->GetFeatureName(szFeatureName, sizeof(szFeatureName));
-        if (!IsSourceActive(szLog, szEventSource, szFeatureName)) {
-            trace.TraceMsg(TRACE_VERBOSE, kCondName, "Internal", "Eventlogging is not active", "Log %s, Source %s",
-                           OrNull(szLog), OrNull(szEventSource));
-            return EVENTLOG_RESULT_NOT_ACTIVE;
-        }
-        return CCEventLog::ReportEventV(ulSeverity, szEventSource, ulCatId, ulEventId, ulArgCount, args);
     }();
     trace.TraceMsg(TRACE_INFO_CC, kCondName, "Leave", "Method CCEventLogReportEvent has been left.", "%d",
                    static_cast<int>(ulResult));

@@ -123,7 +123,7 @@ HRESULT CNotfyBiosSettingsChange::SetEventData(CCWMIAccess& source)
 
         CCWMIAccess nominal;
         nominal = static_cast<IWbemServices*>(source);
-        nominal.SetContext(m_context);
+        OpenAccess(nominal);
         RaiseIfFailed(nominal.GetClassInstances(kNominalClass, 0), kName,
                       "Raising exception because GetClassInstances on nominal class failed");
 

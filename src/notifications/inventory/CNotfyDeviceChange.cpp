@@ -58,8 +58,7 @@ HRESULT CNotfyDeviceChange::RetrieveInstances()
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
     return trace.Return(CatchHr([&]() -> HRESULT {
         CCWMIAccess data;
-        data.SetContext(m_context);
-        RaiseIfFailed(data.ConnectToNamespace(m_sReferencedNamespace.c_str(), -1, nullptr), kName,
+        RaiseIfFailed(OpenAccess(data, m_sReferencedNamespace.c_str()), kName,
                       "Raising exception because ConnectToNamespace failed.");
 
         LONG lDeviceId = 1;

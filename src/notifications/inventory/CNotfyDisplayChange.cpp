@@ -105,8 +105,7 @@ bool CNotfyDisplayChange::IsSupported()
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
     const HRESULT hrResult = CatchHr([&]() -> HRESULT {
         CCWMIAccess enclosure;
-        enclosure.SetContext(m_context);
-        HRESULT hr = enclosure.ConnectToNamespace("root\\cimv2", -1, nullptr);
+        HRESULT hr = OpenAccess(enclosure, "root\\cimv2");
         if (SUCCEEDED(hr))
             hr = enclosure.ExecuteQuery(kEnclosureQuery, 0);
         if (FAILED(hr)) {
@@ -220,7 +219,7 @@ HRESULT CNotfyDisplayChange::GetAssocProperty(CCWMIAccess& source, const char* s
                                    "} WHERE ResultClass = " + m_sMonitorClass;
         CCWMIAccess monitor;
         monitor = static_cast<IWbemServices*>(source);
-        monitor.SetContext(m_context);
+        OpenAccess(monitor);
         RaiseIfFailed(monitor.ExecuteQuery(sQuery.c_str(), 0), kName,
                       "Throwing exception because ExecuteQuery with assocation failed!");
         RaiseIfFailed(monitor.GetProperty(szPropertyName, pvValue, false, 0), kName,
@@ -266,9 +265,8 @@ HRESULT CNotfyDisplayChange::GetObsoleteInstances()
         if (!OpenStoredInstances(stored, kName, true))
             return S_OK;
         CCWMIAccess data;
-        data.SetContext(m_context);
         // A failed connection shows as the failure of the first search.
-        data.ConnectToNamespace(m_sReferencedNamespace.c_str(), -1, nullptr);
+        OpenAccess(data, m_sReferencedNamespace.c_str());
         do {
             const HRESULT hrItem = CatchHr([&]() -> HRESULT {
                 std::wstring wsClass;

@@ -38,7 +38,7 @@ bool CNotfyInventoryChange::IsFirstInventoryByQuery(const char* szQualifiedName)
 {
     CCWMIAccess stored;
     stored = static_cast<IWbemServices*>(m_wmi);
-    stored.SetContext(m_context);
+    OpenAccess(stored);
     const std::string sProbe = "select * from " + m_sEventClassName + " where DeviceId = 1";
     const HRESULT hr = stored.ExecuteQuery(sProbe.c_str(), 0);
     if (hr == static_cast<HRESULT>(WBEM_E_NOT_AVAILABLE))

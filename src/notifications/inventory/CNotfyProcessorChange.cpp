@@ -125,7 +125,7 @@ bool CNotfyProcessorChange::IsFirstInventory(const char* szQualifiedName)
 {
     CCWMIAccess stored;
     stored = static_cast<IWbemServices*>(m_wmi);
-    stored.SetContext(m_context);
+    OpenAccess(stored);
     const std::string sPath = m_sEventClassName + ".DeviceId=0";
     const HRESULT hr = stored.GetObject(sPath.c_str());
     if (hr == static_cast<HRESULT>(WBEM_E_NOT_FOUND))

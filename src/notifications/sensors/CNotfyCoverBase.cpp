@@ -19,8 +19,7 @@ HRESULT CNotfyCoverBase::DeleteObsoleteFirstInstance(const char* szQualifiedName
         HRESULT hr = stored.GetProperty("Object", object.GetAddress(), false, 0);
         if (SUCCEEDED(hr) && object.Type() == VT_BSTR && V_BSTR(&object.Get())) {
             CCWMIAccess live;
-            live.SetContext(m_context);
-            hr = live.ConnectToNamespace(m_sReferencedNamespace.c_str(), -1, nullptr);
+            hr = OpenAccess(live, m_sReferencedNamespace.c_str());
             RaiseIfFailed(hr, szQualifiedName, kNoPath);
             hr = GetObjectAt(live, V_BSTR(&object.Get()));
             if (hr != static_cast<HRESULT>(WBEM_E_NOT_FOUND))

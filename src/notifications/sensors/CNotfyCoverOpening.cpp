@@ -93,7 +93,7 @@ HRESULT CNotfyCoverOpening::BuildEvent(CCWMIAccess& source)
 
 HRESULT CNotfyCoverOpening::FetchSwitch(CCWMIAccess& from, const std::wstring& wsDeviceId, CCWMIAccess& target) const
 {
-    target.SetContext(m_context);
+    OpenAccess(target);
     target = static_cast<IWbemServices*>(from);
     const std::wstring wsPath =
         std::wstring(m_sSwitchClassName.begin(), m_sSwitchClassName.end()) + L".DeviceID=" + QuotedText(wsDeviceId);

@@ -193,8 +193,7 @@ void CNotfyHardDisksSMART::AddAttributeFindings(const std::wstring& wsDeviceId, 
 void CNotfyHardDisksSMART::AddScsiFindings(const std::wstring& wsDeviceId, CSmartFindings* pFindings)
 {
     CCWMIAccess data;
-    data.SetContext(m_context);
-    data.ConnectToNamespace(m_sReferencedNamespace.c_str(), -1, nullptr);
+    OpenAccess(data, m_sReferencedNamespace.c_str());
     const HRESULT hr = GetObjectAt(data, (L"COXL_SmartScsiData.DeviceID=" + QuotedText(wsDeviceId)).c_str());
     if (hr == static_cast<HRESULT>(WBEM_E_NOT_FOUND))
         return;
