@@ -366,6 +366,24 @@ struct Row {
     long lTraceLines = 0;
 };
 
+// A machine loaded into CimStore and a handler of a freshly loaded module, after two agent cycles:
+// the first stores every event, the second settles what the first changed.
+struct SettledMachine {
+    SettledMachine(const std::wstring& wsRoot, int iScale)
+    {
+        LoadMachine(wsRoot, iScale);
+        if (!module.Loaded())
+            Fail("LoadLibrary(Moradel.dll)", HRESULT_FROM_WIN32(GetLastError()));
+        pEvents = Connect(kEventNamespace);
+        pHandler = NewHandler(module);
+        AgentCycle(pHandler.Get(), pEvents.Get());
+        AgentCycle(pHandler.Get(), pEvents.Get());
+    }
+    MoradelModule module;
+    ComPtr<IWbemServices> pEvents;
+    ComPtr<INotifications> pHandler;
+};
+
 std::wstring RecordRequest(INotifications* pHandler, ULONG ulId)
 {
     CimStoreRecordCalls(TRUE);
@@ -380,25 +398,15 @@ std::wstring RecordRequest(INotifications* pHandler, ULONG ulId)
 // Request and floor of every id on one machine size.
 void Measure(const std::wstring& wsRoot, int iScale, int iReps, std::map<ULONG, Row>& rows)
 {
-    LoadMachine(wsRoot, iScale);
-    MoradelModule module;
-    if (!module.Loaded())
-        Fail("LoadLibrary(Moradel.dll)", HRESULT_FROM_WIN32(GetLastError()));
-    ComPtr<IWbemServices> pEvents = Connect(kEventNamespace);
-    ComPtr<INotifications> pHandler = NewHandler(module);
-    // Two cycles: the first stores every event, the second settles what the first changed.
-    AgentCycle(pHandler.Get(), pEvents.Get());
-    AgentCycle(pHandler.Get(), pEvents.Get());
+    SettledMachine machine(wsRoot, iScale);
+    INotifications* pHandler = machine.pHandler.Get();
     for (const CNotificationHandler::KindEntry& entry : CNotificationHandler::KindTable()) {
         Row& row = rows[entry.ulNotfyId];
         const double t = MedianMicros(iReps, [&] {
             CCVariant events;
-            Request(pHandler.Get(), entry.ulNotfyId, &events);
+            Request(pHandler, entry.ulNotfyId, &events);
         });
-        const std::wstring wsRecords = RecordRequest(pHandler.Get(), entry.ulNotfyId);
-        if (getenv("REQUESTS_DUMP") && std::atoi(getenv("REQUESTS_DUMP")) == static_cast<int>(entry.ulNotfyId))
-            std::printf("%ls\n", wsRecords.c_str());
-        Replay replay(wsRecords);
+        Replay replay(RecordRequest(pHandler, entry.ulNotfyId));
         const double floor = MedianMicros(iReps, [&] { replay.Run(); });
         (iScale == 1 ? row.t1 : row.t10) = t;
         (iScale == 1 ? row.floor1 : row.floor10) = floor;
@@ -440,21 +448,17 @@ void MeasureTraced(const std::wstring& wsRoot, int iReps, std::map<ULONG, Row>& 
                    static_cast<DWORD>((wsTrace.size() + 1) * sizeof(wchar_t)));
     RegCloseKey(hKey);
     {
-        LoadMachine(wsRoot, 1);
-        MoradelModule module;
-        ComPtr<IWbemServices> pEvents = Connect(kEventNamespace);
-        ComPtr<INotifications> pHandler = NewHandler(module);
-        AgentCycle(pHandler.Get(), pEvents.Get());
-        AgentCycle(pHandler.Get(), pEvents.Get());
+        SettledMachine machine(wsRoot, 1);
+        INotifications* pHandler = machine.pHandler.Get();
         for (const CNotificationHandler::KindEntry& entry : CNotificationHandler::KindTable()) {
             Row& row = rows[entry.ulNotfyId];
             const long lBefore = CountLines(wsTrace);
             CCVariant events;
-            Request(pHandler.Get(), entry.ulNotfyId, &events);
+            Request(pHandler, entry.ulNotfyId, &events);
             row.lTraceLines = CountLines(wsTrace) - lBefore;
             row.traced = MedianMicros(iReps, [&] {
                 CCVariant repeated;
-                Request(pHandler.Get(), entry.ulNotfyId, &repeated);
+                Request(pHandler, entry.ulNotfyId, &repeated);
             });
         }
     }

@@ -48,9 +48,7 @@ HRESULT CNotfySimulation::SetEventData()
     constexpr char kName[] = "CNotfySimulation::SetEventData";
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
     return trace.Return(CatchHr([&]() -> HRESULT {
-        RaiseIfFailed(PutI4(m_wmi, "EventStatus", 1), kName, "Raising exception because SetProperty on 'EventStatus' failed");
-        RaiseIfFailed(PutI4(m_wmi, "EventTextId", 59001), kName,
-              "Raising exception because SetProperty on 'EventTextId' failed");
+        WriteEventState(m_wmi, 1, 59001, kName);
         // Set directly, not through SetEventType: 5 marks a simulated event and compares with nothing.
         RaiseIfFailed(PutI4(m_wmi, "EventType", 5), kName, "Raising exception because SetProperty on 'EventType' failed");
         return S_OK;

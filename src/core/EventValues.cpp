@@ -43,6 +43,14 @@ HRESULT PutTextArray(CCWMIAccess& access, const char* szProperty, const std::vec
     return access.SetProperty(szProperty, value.Ptr());
 }
 
+void WriteEventState(CCWMIAccess& event, LONG lStatus, LONG lTextId, const char* szQualifiedName)
+{
+    RaiseIfFailed(PutI4(event, "EventStatus", lStatus), szQualifiedName,
+                  "Raising exception because SetProperty on 'EventStatus' failed");
+    RaiseIfFailed(PutI4(event, "EventTextId", lTextId), szQualifiedName,
+                  "Raising exception because SetProperty on 'EventTextId' failed");
+}
+
 HRESULT ReadI4(CCWMIAccess& access, const char* szProperty, LONG* plValue)
 {
     CCVariant value;

@@ -12,6 +12,9 @@ HRESULT PutI4(CCWMIAccess& access, const char* szProperty, LONG lValue);
 // Writes a text property (VT_BSTR).
 HRESULT PutText(CCWMIAccess& access, const char* szProperty, const std::wstring& wsValue);
 
+// Writes EventStatus and EventTextId, each raised with its own text when it fails.
+void WriteEventState(CCWMIAccess& event, LONG lStatus, LONG lTextId, const char* szQualifiedName);
+
 // Writes an array of texts (VT_ARRAY | VT_BSTR).
 HRESULT PutTextArray(CCWMIAccess& access, const char* szProperty, const std::vector<std::wstring>& texts);
 

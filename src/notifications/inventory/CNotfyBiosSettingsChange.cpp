@@ -152,10 +152,7 @@ HRESULT CNotfyBiosSettingsChange::SetEventData(CCWMIAccess& source)
         }
         RaiseIfFailed(properties.End(), kName, "Raising exception because EndPropertyEnumeration failed");
 
-        RaiseIfFailed(PutI4(m_wmi, "EventStatus", static_cast<LONG>(ulStatus)), kName,
-                      "Raising exception because SetProperty on 'EventStatus' failed");
-        RaiseIfFailed(PutI4(m_wmi, "EventTextId", lTextId), kName,
-                      "Raising exception because SetProperty on 'EventTextId' failed");
+        WriteEventState(m_wmi, static_cast<LONG>(ulStatus), lTextId, kName);
         return SetEventType(ulStatus);
     }));
 }

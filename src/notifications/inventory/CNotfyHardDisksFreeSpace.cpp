@@ -127,10 +127,7 @@ HRESULT CNotfyHardDisksFreeSpace::SetEventData(CCWMIAccess& disk)
                     "State: %lu", ulState);
         const LONG lTextId = static_cast<LONG>(m_ulNotfyId * 1000 + ulState);
 
-        RaiseIfFailed(PutI4(m_wmi, "EventStatus", static_cast<LONG>(ulState)), kSetEventData,
-                      "Raising exception because SetProperty on 'EventStatus' failed");
-        RaiseIfFailed(PutI4(m_wmi, "EventTextId", lTextId), kSetEventData,
-                      "Raising exception because SetProperty on 'EventTextId' failed");
+        WriteEventState(m_wmi, static_cast<LONG>(ulState), lTextId, kSetEventData);
         RaiseIfFailed(PutTextArray(m_wmi, "EventTextArguments", {wsDeviceId}), kSetEventData,
                       "Raising exception because SetProperty on 'EventTextArguments' failed");
         return SetEventType(ulState);

@@ -65,10 +65,8 @@ HRESULT CNotfyInventoryChange::WriteOutcome(EInventoryOutcome outcome, const std
 {
     const LONG lCase = outcome == EInventoryOutcome::Added ? 2 : outcome == EInventoryOutcome::Changed ? 4 : 1;
     const bool bReported = outcome == EInventoryOutcome::Added || outcome == EInventoryOutcome::Changed;
-    RaiseIfFailed(PutI4(m_wmi, "EventStatus", bReported ? kStatusAdded : kStatusUnchanged), szQualifiedName,
-                  "Raising exception because SetProperty on 'EventStatus' failed");
-    RaiseIfFailed(PutI4(m_wmi, "EventTextId", static_cast<LONG>(m_ulNotfyId * 1000) + lCase), szQualifiedName,
-                  "Raising exception because SetProperty on 'EventTextId' failed");
+    WriteEventState(m_wmi, bReported ? kStatusAdded : kStatusUnchanged,
+                    static_cast<LONG>(m_ulNotfyId * 1000) + lCase, szQualifiedName);
     RaiseIfFailed(PutTextArray(m_wmi, "EventTextArguments", arguments), szQualifiedName,
                   "Raising exception because SetProperty on 'EventTextArguments' failed");
     RaiseIfFailed(PutI4(m_wmi, "EventType", bReported ? kTypeInventory : kTypeUnchanged), szQualifiedName,
@@ -95,10 +93,7 @@ HRESULT CNotfyInventoryChange::AddObsoleteInstances()
             // AttachInstanceObject takes over the reference it is given.
             RaiseIfFailed(m_wmi.AttachInstanceObject(pStored.Detach()), szName,
                           "Raising exception because CCWMIAccess::AttachInstanceObject failed");
-            RaiseIfFailed(PutI4(m_wmi, "EventStatus", kStatusRemoved), szName,
-                          "Raising exception because SetProperty on 'EventStatus' failed");
-            RaiseIfFailed(PutI4(m_wmi, "EventTextId", static_cast<LONG>(m_ulNotfyId * 1000) + 3), szName,
-                          "Raising exception because SetProperty on 'EventTextId' failed");
+            WriteEventState(m_wmi, kStatusRemoved, static_cast<LONG>(m_ulNotfyId * 1000) + 3, szName);
             // The EventType step is traced with the EventTextId text, as it always was.
             RaiseIfFailed(PutI4(m_wmi, "EventType", kTypeInventory), szName,
                           "Raising exception because SetProperty on 'EventTextId' failed");

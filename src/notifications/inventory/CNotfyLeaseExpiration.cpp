@@ -100,10 +100,7 @@ HRESULT CNotfyLeaseExpiration::SetEventData()
             }
         }
 
-        RaiseIfFailed(PutI4(m_wmi, "EventStatus", lStatus), kSetEventData,
-                      "Raising exception because SetProperty on 'EventStatus' failed");
-        RaiseIfFailed(PutI4(m_wmi, "EventTextId", lTextId), kSetEventData,
-                      "Raising exception because SetProperty on 'EventTextId' failed");
+        WriteEventState(m_wmi, lStatus, lTextId, kSetEventData);
         return SetEventType(static_cast<unsigned long>(lStatus));
     }));
 }

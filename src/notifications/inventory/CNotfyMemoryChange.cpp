@@ -97,10 +97,7 @@ HRESULT CNotfyMemoryChange::SetEventData(CCWMIAccess& os)
                 arguments = {std::to_wstring(ulPrevious), std::to_wstring(ulCurrent)};
         }
 
-        RaiseIfFailed(PutI4(m_wmi, "EventStatus", lStatus), kSetEventData,
-                      "Raising exception because SetProperty on 'EventStatus' failed");
-        RaiseIfFailed(PutI4(m_wmi, "EventTextId", static_cast<LONG>(kNotfyId * 1000) + lStatus), kSetEventData,
-                      "Raising exception because SetProperty on 'EventTextId' failed");
+        WriteEventState(m_wmi, lStatus, static_cast<LONG>(kNotfyId * 1000) + lStatus, kSetEventData);
         if (!arguments.empty()) {
             hr = PutTextArray(m_wmi, "EventTextArguments", arguments);
             if (FAILED(hr))

@@ -120,10 +120,7 @@ void WriteListOutcome(CCWMIAccess& event, unsigned long ulNotfyId, HRESULT hrCha
 {
     const bool bChanged = hrChanges == NOTFY_S_LIST_CHANGED;
     const LONG lTextBase = static_cast<LONG>(ulNotfyId * 1000);
-    RaiseIfFailed(PutI4(event, "EventStatus", bChanged ? 2 : 1), szQualifiedName,
-                  "Raising exception because SetProperty on 'EventStatus' failed");
-    RaiseIfFailed(PutI4(event, "EventTextId", lTextBase + (bChanged ? 10 : 1)), szQualifiedName,
-                  "Raising exception because SetProperty on 'EventTextId' failed");
+    WriteEventState(event, bChanged ? 2 : 1, lTextBase + (bChanged ? 10 : 1), szQualifiedName);
     if (pArguments)
         RaiseIfFailed(PutTextArray(event, "EventTextArguments", *pArguments), szQualifiedName,
                       "Raising exception because SetProperty on 'EventTextArguments' failed");

@@ -132,10 +132,7 @@ HRESULT CNotfyCoverOpening::SetEventData(CCWMIAccess& source)
         }
 
         const unsigned long ulStatus = bIntrusion ? 3 : 1;
-        RaiseIfFailed(PutI4(m_wmi, "EventStatus", static_cast<LONG>(ulStatus)), kName,
-                      "Raising exception because SetProperty on 'EventStatus' failed");
-        RaiseIfFailed(PutI4(m_wmi, "EventTextId", bIntrusion ? 2003 : 2001), kName,
-                      "Raising exception because SetProperty on 'EventTextId' failed");
+        WriteEventState(m_wmi, static_cast<LONG>(ulStatus), bIntrusion ? 2003 : 2001, kName);
         SetEventType(ulStatus, bTakeCurrent);
         return hrResult;
     }));

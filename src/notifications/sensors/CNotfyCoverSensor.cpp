@@ -66,10 +66,7 @@ HRESULT CNotfyCoverSensor::SetEventData(CCWMIAccess& source)
         const bool bKnown = SUCCEEDED(hrStored);
         const LONG lStatus = bClosed ? 1 : 3;
         const HRESULT hrResult = (bClosed && bKnown) ? NOTFY_S_UNCHANGED : S_OK;
-        RaiseIfFailed(PutI4(m_wmi, "EventStatus", lStatus), kName,
-                      "Raising exception because SetProperty on 'EventStatus' failed");
-        RaiseIfFailed(PutI4(m_wmi, "EventTextId", bClosed ? 3001 : 3003), kName,
-                      "Raising exception because SetProperty on 'EventTextId' failed");
+        WriteEventState(m_wmi, lStatus, bClosed ? 3001 : 3003, kName);
         RaiseIfFailed(PutI4(m_wmi, "EventType", bClosed ? 3 : 1), kName,
                       "Raising exception because SetProperty on 'EventType' failed");
         return hrResult;

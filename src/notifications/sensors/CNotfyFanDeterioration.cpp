@@ -79,8 +79,7 @@ HRESULT CNotfyFanDeterioration::SetEventData(CCWMIAccess& source)
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
     return trace.Return(CatchHr([&]() -> HRESULT {
         CCVariant name;
-        ReadSensorName(source, name.Ptr(), kName);
-        RaiseIfFailed(m_wmi.SetProperty("Name", name.Ptr()), kName, "Raising exception because SetProperty on 'Name' failed");
+        CopySensorName(source, m_wmi, name.Ptr(), kName);
         CopySensorId(source, m_wmi, kName);
 
         LONG lCurrent = 0;
@@ -108,10 +107,7 @@ HRESULT CNotfyFanDeterioration::SetEventData(CCWMIAccess& source)
                       "Raising exception because SetProperty on 'CurrentReading' failed");
         RaiseIfFailed(PutI4(m_wmi, "LossPercentage", static_cast<LONG>(ulLoss)), kName,
                       "Raising exception because SetProperty on 'LossPercentage' failed");
-        RaiseIfFailed(PutI4(m_wmi, "EventStatus", static_cast<LONG>(ulStatus)), kName,
-                      "Raising exception because SetProperty on 'EventStatus' failed");
-        RaiseIfFailed(PutI4(m_wmi, "EventTextId", kFirstTextId + static_cast<LONG>(ulStatus)), kName,
-                      "Raising exception because SetProperty on 'EventTextId' failed");
+        WriteEventState(m_wmi, static_cast<LONG>(ulStatus), kFirstTextId + static_cast<LONG>(ulStatus), kName);
         if (ulStatus != 1) {
             const std::vector<std::wstring> arguments = {
                 std::wstring(V_BSTR(name.Ptr()) ? V_BSTR(name.Ptr()) : L""), std::to_wstring(ulBaseline),

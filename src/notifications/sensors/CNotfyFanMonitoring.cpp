@@ -82,8 +82,7 @@ HRESULT CNotfyFanMonitoring::SetEventData(CCWMIAccess& source)
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
     return trace.Return(CatchHr([&]() -> HRESULT {
         CCVariant name;
-        ReadSensorName(source, name.Ptr(), kName);
-        RaiseIfFailed(m_wmi.SetProperty("Name", name.Ptr()), kName, "Raising exception because SetProperty on 'Name' failed");
+        CopySensorName(source, m_wmi, name.Ptr(), kName);
 
         const LONG lSensorId = CopySensorId(source, m_wmi, kName);
 
@@ -97,10 +96,7 @@ HRESULT CNotfyFanMonitoring::SetEventData(CCWMIAccess& source)
         if (!ClassifyFan(lSensorId, V_BOOL(&fault.Get()) != VARIANT_FALSE, &state))
             RaiseHr(WBEM_E_UNKNOWN_OBJECT_TYPE, kName, "Unknown fan", "Fan: %d", static_cast<int>(lSensorId));
 
-        RaiseIfFailed(PutI4(m_wmi, "EventStatus", static_cast<LONG>(state.ulStatus)), kName,
-                      "Raising exception because SetProperty on 'EventStatus' failed");
-        RaiseIfFailed(PutI4(m_wmi, "EventTextId", state.lTextId), kName,
-                      "Raising exception because SetProperty on 'EventTextId' failed");
+        WriteEventState(m_wmi, static_cast<LONG>(state.ulStatus), state.lTextId, kName);
         if (!state.arguments.empty())
             RaiseIfFailed(PutTextArray(m_wmi, "EventTextArguments", state.arguments), kName,
                           "Raising exception because error setting 'EventTextArguments' property");

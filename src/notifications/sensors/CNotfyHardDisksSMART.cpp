@@ -163,10 +163,8 @@ HRESULT CNotfyHardDisksSMART::SetEventData(CCWMIAccess& source)
             wsJoined += (wsJoined.empty() ? L"" : L", ") + wsEntry;
         RaiseIfFailed(PutTextArray(m_wmi, "FailingAttributes", findings.entries), kSetEventData,
                       "Raising exception because SetProperty on 'FailingAttributes' failed");
-        RaiseIfFailed(PutI4(m_wmi, "EventStatus", static_cast<LONG>(findings.ulStatus)), kSetEventData,
-                      "Raising exception because SetProperty on 'EventStatus' failed");
-        RaiseIfFailed(PutI4(m_wmi, "EventTextId", kFirstTextId + static_cast<LONG>(findings.ulStatus)), kSetEventData,
-                      "Raising exception because SetProperty on 'EventTextId' failed");
+        WriteEventState(m_wmi, static_cast<LONG>(findings.ulStatus),
+                        kFirstTextId + static_cast<LONG>(findings.ulStatus), kSetEventData);
         RaiseIfFailed(PutTextArray(m_wmi, "EventTextArguments", {wsName, wsDeviceId, wsJoined.empty() ? L"--" : wsJoined}),
                       kSetEventData, "Raising exception because error setting 'EventTextArguments' property");
         return SetEventType(findings.ulStatus);

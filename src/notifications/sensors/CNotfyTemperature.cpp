@@ -169,10 +169,7 @@ HRESULT CNotfyTemperature::SetEventData(CCWMIAccess& source)
             break;
         }
 
-        RaiseIfFailed(PutI4(m_wmi, "EventStatus", static_cast<LONG>(ulStatus)), kName,
-              "Raising exception because SetProperty on 'EventStatus' failed");
-        RaiseIfFailed(PutI4(m_wmi, "EventTextId", lTextId), kName,
-              "Raising exception because SetProperty on 'EventTextId' failed");
+        WriteEventState(m_wmi, static_cast<LONG>(ulStatus), lTextId, kName);
         if (bHasArguments)
             RaiseIfFailed(PutTextArray(m_wmi, "EventTextArguments", arguments), kName,
                   "Raising exception because error setting 'EventTextArguments' property");

@@ -40,8 +40,7 @@ HRESULT CNotfyVoltage::SetEventData(CCWMIAccess& source)
     CCMethodTrace trace(TRACE_INFO, kName, kEntered);
     return trace.Return(CatchHr([&]() -> HRESULT {
         CCVariant name;
-        ReadSensorName(source, name.Ptr(), kName);
-        RaiseIfFailed(m_wmi.SetProperty("Name", name.Ptr()), kName, "Raising exception because SetProperty on 'Name' failed");
+        CopySensorName(source, m_wmi, name.Ptr(), kName);
 
         const LONG lSensorId = CopySensorId(source, m_wmi, kName);
 
@@ -61,10 +60,7 @@ HRESULT CNotfyVoltage::SetEventData(CCWMIAccess& source)
         LONG lTextId = 0;
         ClassifyReading(kMessages, lReading, limits, &ulStatus, &lTextId);
 
-        RaiseIfFailed(PutI4(m_wmi, "EventStatus", static_cast<LONG>(ulStatus)), kName,
-                      "Raising exception because SetProperty on 'EventStatus' failed");
-        RaiseIfFailed(PutI4(m_wmi, "EventTextId", lTextId), kName,
-                      "Raising exception because SetProperty on 'EventTextId' failed");
+        WriteEventState(m_wmi, static_cast<LONG>(ulStatus), lTextId, kName);
         return SetEventType(ulStatus);
     }));
 }

@@ -22,6 +22,13 @@ void ReadSensorName(CCWMIAccess& source, VARIANT* pvName, const char* szQualifie
     RaiseIfFailed(hr, szQualifiedName, "Raising exception because error getting 'Name' property");
 }
 
+void CopySensorName(CCWMIAccess& source, CCWMIAccess& event, VARIANT* pvName, const char* szQualifiedName)
+{
+    ReadSensorName(source, pvName, szQualifiedName);
+    RaiseIfFailed(event.SetProperty("Name", pvName), szQualifiedName,
+                  "Raising exception because SetProperty on 'Name' failed");
+}
+
 LONG CopySensorId(CCWMIAccess& source, CCWMIAccess& event, const char* szQualifiedName)
 {
     LONG lSensorId = 0;

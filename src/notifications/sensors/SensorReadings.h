@@ -28,6 +28,8 @@ struct CSensorMessages {
 
 // Reads the probe's Name into name; raised unless it is a text.
 void ReadSensorName(CCWMIAccess& source, VARIANT* pvName, const char* szQualifiedName);
+// Reads the probe's Name into name, as ReadSensorName does, and writes it to the event.
+void CopySensorName(CCWMIAccess& source, CCWMIAccess& event, VARIANT* pvName, const char* szQualifiedName);
 // Reads the probe's SensorId, raised unless it is an integer, and writes it to the event.
 LONG CopySensorId(CCWMIAccess& source, CCWMIAccess& event, const char* szQualifiedName);
 
