@@ -235,14 +235,24 @@ void AgentCycle(INotifications* pHandler, IWbemServices* pEvents)
 }
 
 // The store calls of a request, replayed without the module: the same methods on the same
-// namespaces, paths, queries, classes and properties. A Put writes VT_NULL; writes of instances
-// are not the request's (the agent makes them) and are left out.
+// namespaces, paths, queries, classes and properties, with a context of three values as the
+// module's. A Put writes VT_NULL; writes of instances are not the request's (the agent makes
+// them) and are left out.
 class Replay {
 public:
     explicit Replay(const std::wstring& wsRecords)
     {
         CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemLocator,
                          reinterpret_cast<void**>(m_pLocator.GetAddressOf()));
+        // The module hands its feature identity to every call; the store reads it each time.
+        CoCreateInstance(CLSID_WbemContext, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemContext,
+                         reinterpret_cast<void**>(m_pContext.GetAddressOf()));
+        for (const wchar_t* wszName : {L"FeatureName", L"FeatureVersion", L"ContextName"}) {
+            CCVariant value;
+            value.SetText(L"requests");
+            if (m_pContext)
+                m_pContext->SetValue(wszName, 0, value.Ptr());
+        }
         size_t uStart = 0;
         while (uStart < wsRecords.size()) {
             size_t uEnd = wsRecords.find(L'\n', uStart);
@@ -268,7 +278,7 @@ public:
             if (call[1].empty() || m_connected.count(call[1]))
                 continue;
             CCBstr bstrNamespace(call[1].c_str());
-            m_pLocator->ConnectServer(bstrNamespace.Get(), nullptr, nullptr, nullptr, 0, nullptr, nullptr,
+            m_pLocator->ConnectServer(bstrNamespace.Get(), nullptr, nullptr, nullptr, 0, nullptr, m_pContext.Get(),
                                       m_connected[call[1]].GetAddressOf());
         }
     }
@@ -287,7 +297,7 @@ public:
             IWbemServices* pServices = services.count(call[1]) ? services[call[1]].Get() : nullptr;
             if (wsMethod == L"ConnectServer") {
                 CCBstr bstrNamespace(wsTarget.c_str());
-                m_pLocator->ConnectServer(bstrNamespace.Get(), nullptr, nullptr, nullptr, 0, nullptr, nullptr,
+                m_pLocator->ConnectServer(bstrNamespace.Get(), nullptr, nullptr, nullptr, 0, nullptr, m_pContext.Get(),
                                           services[wsTarget].ReleaseAndGetAddressOf());
             } else if (wsMethod == L"SetBlanket") {
                 if (services.count(wsTarget))
@@ -296,7 +306,7 @@ public:
             } else if (wsMethod == L"GetObject" && pServices) {
                 CCBstr bstrPath(wsTarget.c_str());
                 ComPtr<IWbemClassObject> pObject;
-                pServices->GetObject(bstrPath.Get(), 0, nullptr, pObject.GetAddressOf(), nullptr);
+                pServices->GetObject(bstrPath.Get(), 0, m_pContext.Get(), pObject.GetAddressOf(), nullptr);
                 (wsTarget.find(L'=') == std::wstring::npos ? classes : objects)[wsDetail] = pObject;
             } else if ((wsMethod == L"ExecQuery" || wsMethod == L"CreateInstanceEnum") && pServices) {
                 ComPtr<IEnumWbemClassObject> pEnum;
@@ -304,9 +314,9 @@ public:
                 const long lFlags = WBEM_FLAG_RETURN_IMMEDIATELY | WBEM_FLAG_FORWARD_ONLY;
                 if (wsMethod == L"ExecQuery") {
                     CCBstr bstrLanguage(L"WQL");
-                    pServices->ExecQuery(bstrLanguage.Get(), bstrTarget.Get(), lFlags, nullptr, pEnum.GetAddressOf());
+                    pServices->ExecQuery(bstrLanguage.Get(), bstrTarget.Get(), lFlags, m_pContext.Get(), pEnum.GetAddressOf());
                 } else {
-                    pServices->CreateInstanceEnum(bstrTarget.Get(), lFlags, nullptr, pEnum.GetAddressOf());
+                    pServices->CreateInstanceEnum(bstrTarget.Get(), lFlags, m_pContext.Get(), pEnum.GetAddressOf());
                 }
                 enums[wsTarget] = {pEnum, wsMethod == L"ExecQuery" ? wsDetail : wsTarget};
             } else if (wsMethod == L"Next" && enums.count(wsTarget)) {
@@ -356,6 +366,7 @@ private:
     }
 
     ComPtr<IWbemLocator> m_pLocator;
+    ComPtr<IWbemContext> m_pContext;
     std::vector<std::vector<std::wstring>> m_calls;
     std::map<std::wstring, ComPtr<IWbemServices>> m_connected;
 };

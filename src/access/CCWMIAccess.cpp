@@ -80,6 +80,7 @@ void CCWMIAccess::ReleaseAll()
     m_pSpare1.Reset();
     m_pSpare2.Reset();
     m_pServices.Reset();
+    m_pLocator.Reset();
     free(m_szResultClass);
     m_szResultClass = nullptr;
 }
@@ -97,6 +98,8 @@ CCWMIAccess& CCWMIAccess::operator=(const CCWMIAccess& other)
         m_pSpare1 = other.m_pSpare1;
         m_pSpare2 = other.m_pSpare2;
         m_pServices = other.m_pServices;
+        m_pLocator = other.m_pLocator;
+        m_bLocatorInProvider = other.m_bLocatorInProvider;
         m_szResultClass = DuplicateText(other.m_szResultClass);
         memcpy(m_szNamespace, other.m_szNamespace, sizeof(m_szNamespace));
         m_bLocalized = other.m_bLocalized;
@@ -201,13 +204,21 @@ HRESULT CCWMIAccess::ConnectToNamespace(const char* szNamespace, long lInProvide
 
     const bool bInProvider = lInProvider == 1 || (lInProvider == -1 && IsHostInProvider());
     return trace.Return(CatchHr([&]() -> HRESULT {
-        ComPtr<IWbemLocator> pLocator;
-        HRESULT hr = CoCreateInstance(bInProvider ? CLSID_WbemAdministrativeLocator : CLSID_WbemLocator, nullptr,
-                                      CLSCTX_INPROC_SERVER, IID_IWbemLocator,
-                                      reinterpret_cast<void**>(pLocator.GetAddressOf()));
-        if (FAILED(hr))
-            RaiseHr(hr, kName, "Throwing exception because CoCreateInstance (native) failed", "hr 0x%X",
-                    static_cast<unsigned>(hr));
+        // A locator holds no state of a connection: one made for the same choice is used again.
+        HRESULT hr = S_OK;
+        if (!m_pLocator || m_bLocatorInProvider != bInProvider) {
+            m_pLocator.Reset();
+            hr = CoCreateInstance(bInProvider ? CLSID_WbemAdministrativeLocator : CLSID_WbemLocator, nullptr,
+                                  CLSCTX_INPROC_SERVER, IID_IWbemLocator,
+                                  reinterpret_cast<void**>(m_pLocator.GetAddressOf()));
+            if (FAILED(hr)) {
+                m_pLocator.Reset();
+                RaiseHr(hr, kName, "Throwing exception because CoCreateInstance (native) failed", "hr 0x%X",
+                        static_cast<unsigned>(hr));
+            }
+            m_bLocatorInProvider = bInProvider;
+        }
+        IWbemLocator* pLocator = m_pLocator.Get();
 
         CCStringConversion wsNamespace(szNamespace);
         CCStringConversion wsLocale(szLocale);

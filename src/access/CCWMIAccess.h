@@ -37,6 +37,15 @@ public:
     void ShareContext(IWbemContext* pContext) { m_pContext = pContext; }
     // Uses a connection another access object opened to szNamespace.
     void ShareConnection(IWbemServices* pServices, const char* szNamespace);
+    // The locator the last connection was made with, kept for later connections; another access
+    // object may use it (created for the same in-provider choice).
+    IWbemLocator* GetLocator() const { return m_pLocator.Get(); }
+    bool IsLocatorInProvider() const { return m_bLocatorInProvider; }
+    void ShareLocator(IWbemLocator* pLocator, bool bInProvider)
+    {
+        m_pLocator = pLocator;
+        m_bLocatorInProvider = bInProvider;
+    }
 
     HRESULT ExecuteQuery(const char* szWQLQuery, long lFlags);
     HRESULT GetClassInstances(const char* szClassname, long lFlags);
@@ -78,6 +87,8 @@ private:
     Microsoft::WRL::ComPtr<IUnknown> m_pSpare2;
     Microsoft::WRL::ComPtr<IWbemServices> m_pServices;
     Microsoft::WRL::ComPtr<IWbemContext> m_pContext;
+    Microsoft::WRL::ComPtr<IWbemLocator> m_pLocator;
+    bool m_bLocatorInProvider = false;
     char m_szNamespace[260] = {};
     long m_lTimeout = kEnumerationTimeout;
     const char* m_szQueryLanguage = "WQL";

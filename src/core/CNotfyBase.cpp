@@ -60,7 +60,10 @@ HRESULT CNotfyBase::Init(IWbemServices* pNamespace, const CNotfyNames* pNames)
         m_context["FeatureName"] = Text(pNames->szFeatureName);
         m_context["FeatureVersion"] = Text(pNames->szFeatureVersion);
         m_context["ContextName"] = Text(pNames->szContextName);
-        m_wmi.SetContext(m_context);
+        if (m_pSharedContext)
+            m_wmi.ShareContext(m_pSharedContext.Get());
+        else
+            m_wmi.SetContext(m_context);
         return S_OK;
     }));
 }
@@ -171,7 +174,7 @@ HRESULT CNotfyBase::RetrieveSourceEvents(const char* szQualifiedName, const CEve
 unsigned long CNotfyBase::GetThresholdState(ULONGLONG ullCurrent, LONGLONG* pllLowWarning, LONGLONG* pllLowCritical,
                                             LONGLONG* pllHighWarning, LONGLONG* pllHighCritical)
 {
-    return ::GetThresholdState(m_wmi, m_context, m_ulNotfyId, ullCurrent, pllLowWarning, pllLowCritical,
+    return ::GetThresholdState(m_wmi, m_wmi.GetContext(), m_ulNotfyId, ullCurrent, pllLowWarning, pllLowCritical,
                                pllHighWarning, pllHighCritical);
 }
 
@@ -377,10 +380,19 @@ HRESULT CNotfyBase::OpenAccess(CCWMIAccess& access, const char* szNamespace) con
         access.ShareConnection(it->second.Get(), szNamespace);
         return S_OK;
     }
+    if (m_pSharedLocator)
+        access.ShareLocator(m_pSharedLocator.Get(), m_bSharedLocatorInProvider);
     const HRESULT hr = access.ConnectToNamespace(szNamespace, -1, nullptr);
     if (SUCCEEDED(hr))
         m_connections[szNamespace] = static_cast<IWbemServices*>(access);
     return hr;
+}
+
+void CNotfyBase::ShareRequestEnvironment(IWbemContext* pContext, IWbemLocator* pLocator, bool bLocatorInProvider)
+{
+    m_pSharedContext = pContext;
+    m_pSharedLocator = pLocator;
+    m_bSharedLocatorInProvider = bLocatorInProvider;
 }
 
 std::string CNotfyBase::ContextValue(const char* szKey) const

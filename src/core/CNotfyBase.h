@@ -62,6 +62,10 @@ public:
     virtual bool IsInstanceObsolete(CCWMIAccess& stored, CCWMIAccess& live);
     virtual bool IsSupported();
 
+    // What the caller already holds for this request, offered before Init: a context with the
+    // values Init would give (this request's own copy) and a locator. Either may be null.
+    void ShareRequestEnvironment(IWbemContext* pContext, IWbemLocator* pLocator, bool bLocatorInProvider);
+
     unsigned long GetNotfyId() const { return m_ulNotfyId; }
     const std::string& GetEventClassName() const { return m_sEventClassName; }
     size_t GetObsoleteCount() const { return m_obsoleteList.size(); }
@@ -123,5 +127,8 @@ protected:
 
 private:
     mutable std::map<std::string, Microsoft::WRL::ComPtr<IWbemServices>> m_connections;
+    Microsoft::WRL::ComPtr<IWbemContext> m_pSharedContext;
+    Microsoft::WRL::ComPtr<IWbemLocator> m_pSharedLocator;
+    bool m_bSharedLocatorInProvider = false;
     CCommonNames m_commonNames;
 };

@@ -150,8 +150,30 @@ std::unique_ptr<CNotfyBase> CNotificationHandler::PrepareDataObject(unsigned lon
     m_component->GetFeatureVersion(szFeatureVersion, kTextChars);
     m_component->GetContextName(szContextName, kTextChars);
     const CNotfyNames names = {szFeatureName, szFeatureVersion, szContextName};
+    pObject->ShareRequestEnvironment(RequestContext(names).Get(), m_pLocator.Get(), m_bLocatorInProvider);
     *phrInit = pObject->Init(m_pNamespace.Get(), &names);
     return pObject;
+}
+
+ComPtr<IWbemContext> CNotificationHandler::RequestContext(const CNotfyNames& names)
+{
+    // The values CNotfyBase::Init gives its context.
+    const std::map<std::string, std::string> values = {
+        {"FeatureName", names.szFeatureName},
+        {"FeatureVersion", names.szFeatureVersion},
+        {"ContextName", names.szContextName},
+    };
+    CCCriticalSection::Lock lock(m_contextSection);
+    if (!m_pContextPrototype || m_prototypeValues != values) {
+        CCWMIAccess access;
+        access.SetContext(values);
+        m_pContextPrototype = access.GetContext();
+        m_prototypeValues = values;
+    }
+    ComPtr<IWbemContext> pCopy;
+    if (m_pContextPrototype && FAILED(m_pContextPrototype->Clone(pCopy.GetAddressOf())))
+        pCopy.Reset();
+    return pCopy;
 }
 
 HRESULT CNotificationHandler::ComponentInitialize(BSTR sFeatureName, BSTR sFeatureVersion, BSTR sContextName,
@@ -192,6 +214,8 @@ HRESULT CNotificationHandler::Initialize(BSTR bstrNamespace, ULONG* pulReturnVal
         IWbemServices* pServices = access;
         if (m_pNamespace.Get() != pServices)
             m_pNamespace = pServices;
+        m_pLocator = access.GetLocator();
+        m_bLocatorInProvider = access.IsLocatorInProvider();
         m_bInitialized = true;
         *pulReturnValue = 0;
         return S_OK;

@@ -3,6 +3,7 @@
 // IDispatch come from the module's object wrapper (CCComObject).
 #pragma once
 
+#include "core/CCCriticalSection.h"
 #include "core/CNotfyBase.h"
 #include "framework/CCAssembly.h"
 #include "framework/CCComponentT.h"
@@ -54,7 +55,19 @@ private:
     // GetDataObject and Init of the preparation step; Init's result goes to *phrInit.
     std::unique_ptr<CNotfyBase> PrepareDataObject(unsigned long ulNotfyId, HRESULT* phrInit);
 
+    // This request's own copy of a context with the feature identity; null when none can be made
+    // (the kind then builds its own).
+    Microsoft::WRL::ComPtr<IWbemContext> RequestContext(const CNotfyNames& names);
+
     CCComponentT<CCAssembly> m_component;
     bool m_bInitialized = false;
     Microsoft::WRL::ComPtr<IWbemServices> m_pNamespace;
+    // Kept from Initialize for the requests' connections: a locator holds no connection state.
+    Microsoft::WRL::ComPtr<IWbemLocator> m_pLocator;
+    bool m_bLocatorInProvider = false;
+    // The context the requests copy, for the identity it was made with. Requests may run on several
+    // threads, and a context is enumerated by the store on every call: each gets its own copy.
+    CCCriticalSection m_contextSection;
+    Microsoft::WRL::ComPtr<IWbemContext> m_pContextPrototype;
+    std::map<std::string, std::string> m_prototypeValues;
 };

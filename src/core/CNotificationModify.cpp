@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <new>
 
@@ -176,27 +177,35 @@ HRESULT CNotificationModify::SetSystemName()
         return trace.Return(hr);
 
     const CCommonDataPlatform& platform = CommonDataPlatform();
-    DWORD cchDns = 0;
-    platform.pfnGetComputerNameExW(ComputerNameDnsFullyQualified, nullptr, &cchDns);
-    if (cchDns == 0) {
-        GetTrace().TraceMsg(TRACE_ERROR, kName, "Internal", "Error getting DNS Name", "GetLastError: %d",
-                            static_cast<int>(GetLastError()));
-        return trace.Return(WBEM_E_UNEXPECTED);
+    // Most names fit the buffer on the stack, which saves the call that asks for the size.
+    wchar_t wszShortDns[256] = {};
+    DWORD cchDns = static_cast<DWORD>(std::size(wszShortDns));
+    const wchar_t* wszDns = wszShortDns;
+    std::unique_ptr<wchar_t[]> wszLongDns;
+    if (!platform.pfnGetComputerNameExW(ComputerNameDnsFullyQualified, wszShortDns, &cchDns)) {
+        if (GetLastError() != ERROR_MORE_DATA)
+            cchDns = 0;
+        if (cchDns == 0) {
+            GetTrace().TraceMsg(TRACE_ERROR, kName, "Internal", "Error getting DNS Name", "GetLastError: %d",
+                                static_cast<int>(GetLastError()));
+            return trace.Return(WBEM_E_UNEXPECTED);
+        }
+        wszLongDns.reset(new (std::nothrow) wchar_t[cchDns]);
+        if (!wszLongDns) {
+            GetTrace().TraceMsg(TRACE_ERROR, kName, "Internal", "Memory allocation failed.", "");
+            return trace.Return(WBEM_E_OUT_OF_MEMORY);
+        }
+        if (!platform.pfnGetComputerNameExW(ComputerNameDnsFullyQualified, wszLongDns.get(), &cchDns)) {
+            GetTrace().TraceMsg(TRACE_ERROR, kName, "Internal", "Error getting DNS Name", "GetLastError: %d",
+                                static_cast<int>(GetLastError()));
+            return trace.Return(WBEM_E_UNEXPECTED);
+        }
+        wszDns = wszLongDns.get();
     }
-    std::unique_ptr<wchar_t[]> wszDns(new (std::nothrow) wchar_t[cchDns]);
-    if (!wszDns) {
-        GetTrace().TraceMsg(TRACE_ERROR, kName, "Internal", "Memory allocation failed.", "");
-        return trace.Return(WBEM_E_OUT_OF_MEMORY);
-    }
-    if (!platform.pfnGetComputerNameExW(ComputerNameDnsFullyQualified, wszDns.get(), &cchDns)) {
-        GetTrace().TraceMsg(TRACE_ERROR, kName, "Internal", "Error getting DNS Name", "GetLastError: %d",
-                            static_cast<int>(GetLastError()));
-        return trace.Return(WBEM_E_UNEXPECTED);
-    }
-    hr = PutText(L"DNSName", wszDns.get());
+    hr = PutText(L"DNSName", wszDns);
     if (SUCCEEDED(hr) && m_pNames && wsName.Convert2W()) {
         m_pNames->wsMachineName = wsName.Convert2W();
-        m_pNames->wsDnsName = wszDns.get();
+        m_pNames->wsDnsName = wszDns;
     }
     return trace.Return(hr);
 }

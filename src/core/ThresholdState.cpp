@@ -58,7 +58,7 @@ LONGLONG ParseThresholdLimit(const wchar_t* wszText)
     return wszText ? _wcstoi64(wszText, nullptr, 10) : 0;
 }
 
-unsigned long GetThresholdState(IWbemServices* pNamespace, const std::map<std::string, std::string>& context,
+unsigned long GetThresholdState(IWbemServices* pNamespace, IWbemContext* pContext,
                                 unsigned long ulNotfyId, ULONGLONG ullCurrent, LONGLONG* pllLowWarning,
                                 LONGLONG* pllLowCritical, LONGLONG* pllHighWarning, LONGLONG* pllHighCritical)
 {
@@ -68,7 +68,7 @@ unsigned long GetThresholdState(IWbemServices* pNamespace, const std::map<std::s
     try {
         CCWMIAccess access;
         access = pNamespace;
-        access.SetContext(context);
+        access.ShareContext(pContext);
 
         std::vector<char> query;
         try {

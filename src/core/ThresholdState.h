@@ -29,8 +29,8 @@ unsigned long ClassifyThreshold(ULONGLONG ullCurrent, const CThresholdLimits& li
 // A limit text as a signed 64-bit decimal integer (leading part only, 0 when there is none).
 LONGLONG ParseThresholdLimit(const wchar_t* wszText);
 
-// Reads the KM_Filter instance of ulNotfyId through pNamespace and classifies ullCurrent;
-// the out pointers (optional) receive the limits that were present.
-unsigned long GetThresholdState(IWbemServices* pNamespace, const std::map<std::string, std::string>& context,
+// Reads the KM_Filter instance of ulNotfyId through pNamespace, with pContext (optional), and
+// classifies ullCurrent; the out pointers (optional) receive the limits that were present.
+unsigned long GetThresholdState(IWbemServices* pNamespace, IWbemContext* pContext,
                                 unsigned long ulNotfyId, ULONGLONG ullCurrent, LONGLONG* pllLowWarning,
                                 LONGLONG* pllLowCritical, LONGLONG* pllHighWarning, LONGLONG* pllHighCritical);
