@@ -2,11 +2,13 @@
 // handler's table: the request (GetInstances, then DeleteObsoleteInstances, through the vtable) on
 // the example workstation and on a machine ten times its size; the floor, i.e. the store calls the
 // request made (recorded by CimStore) replayed directly against CimStore; and the request again
-// with tracing on at level 6. Usage: requests.exe <source root> [repetitions]
+// with tracing on at level 6. Usage: requests.exe <source root> [repetitions]; with "soak <n>"
+// instead, n requests on one handler, for memory, handles and store objects left behind.
 #include "access/ComHolders.h"
 #include "cimstore/com/CimStoreControl.h"
 #include "core/CNotificationHandler.h"
 #include "MoradelModule.h"
+#include "ProcessFootprint.h"
 
 #include <windows.h>
 #include <wbemidl.h>
@@ -479,18 +481,58 @@ void MeasureTraced(const std::wstring& wsRoot, int iReps, std::map<ULONG, Row>& 
 
 }  // namespace
 
+// iRequests requests cycling over every id on one handler: live heap and handles after the first
+// thousand and at the end, and the store objects left once the handler is gone.
+int Soak(const std::wstring& wsRoot, int iRequests)
+{
+    const auto heapKiB = [] { return static_cast<double>(LiveHeapBytes()) / 1024.0; };
+    LONG lObjectsBefore = 0;
+    double kbAt1000 = 0;
+    DWORD dwHandlesAt1000 = 0;
+    double kbEnd = 0;
+    DWORD dwHandlesEnd = 0;
+    const double t0 = Now();
+    {
+        SettledMachine machine(wsRoot, 1);
+        lObjectsBefore = CimStoreLiveObjects();
+        const auto& table = CNotificationHandler::KindTable();
+        for (int r = 0; r < iRequests; ++r) {
+            if (r == 1000) {
+                CimStoreClearContextRecords();  // CimStore's own log of every call's context
+                kbAt1000 = heapKiB();
+                dwHandlesAt1000 = OpenHandles();
+            }
+            CCVariant events;
+            Request(machine.pHandler.Get(), table[static_cast<size_t>(r) % table.size()].ulNotfyId, &events);
+        }
+        machine.pHandler.Reset();
+        CimStoreClearContextRecords();
+        kbEnd = heapKiB();
+        dwHandlesEnd = OpenHandles();
+        std::printf("live store objects: %ld with the handler's machine, %ld after its last request\n",
+                    lObjectsBefore, static_cast<long>(CimStoreLiveObjects()));
+    }
+    std::printf("%d requests in %.1f s; live heap at request 1,000: %.0f KiB, after the last request and the handler: %.0f KiB (%+.0f KiB); "
+                "handles %lu, at the end %lu\n",
+                iRequests, (Now() - t0) / 1e6, kbAt1000, kbEnd, kbEnd - kbAt1000,
+                static_cast<unsigned long>(dwHandlesAt1000), static_cast<unsigned long>(dwHandlesEnd));
+    return 0;
+}
+
 int main(int argc, char** argv)
 {
     if (argc < 2) {
-        std::fprintf(stderr, "usage: requests.exe <source root> [repetitions]\n");
+        std::fprintf(stderr, "usage: requests.exe <source root> [repetitions | soak <requests>]\n");
         return 2;
     }
     wchar_t wszRoot[MAX_PATH] = {};
     MultiByteToWideChar(CP_ACP, 0, argv[1], -1, wszRoot, MAX_PATH);
     const std::wstring wsRoot = wszRoot;
-    const int iReps = argc > 2 ? std::max(1, std::atoi(argv[2])) : 51;
     if (FAILED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)))
         return 2;
+    if (argc > 2 && std::string(argv[2]) == "soak")
+        return Soak(wsRoot, argc > 3 ? std::max(1001, std::atoi(argv[3])) : 10000);
+    const int iReps = argc > 2 ? std::max(1, std::atoi(argv[2])) : 51;
     std::map<ULONG, Row> rows;
     Measure(wsRoot, 1, iReps, rows);
     Measure(wsRoot, 10, iReps, rows);

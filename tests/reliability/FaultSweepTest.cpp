@@ -2,10 +2,8 @@
 // workstation after one agent cycle and its change. Whatever fails, the handler must answer in
 // the shape of a failed request or with a success that only lacks events, leave no store object
 // alive, and never delete a stored event that the undisturbed request keeps.
-#include "CimStoreTest.h"
-#include "TempDir.h"
 #include "WbemTestClient.h"
-#include "tests/com/MoradelModule.h"
+#include "WorkstationTest.h"
 
 #include "access/ComHolders.h"
 #include "core/CNotfyBase.h"
@@ -24,7 +22,6 @@ using Microsoft::WRL::ComPtr;
 
 namespace {
 
-constexpr wchar_t kEventNamespace[] = L"root\\oxl1v2\\KM_Notification";
 constexpr LONG kSentinel = 0x5EA1;
 constexpr ULONG kUnwritten = 0xDEADBEEF;
 constexpr LONG kNoFault = -1;
@@ -55,45 +52,12 @@ struct Outcome {
     std::set<std::wstring> stored;  // __RELPATH of every stored event afterwards (deletions only)
 };
 
-std::vector<ComPtr<IWbemClassObject>> Objects(const CCVariant& value)
-{
-    std::vector<ComPtr<IWbemClassObject>> objects;
-    if (value.Type() != (VT_ARRAY | VT_VARIANT))
-        return objects;
-    SAFEARRAY* psa = V_ARRAY(&value.Get());
-    LONG lLower = 0;
-    LONG lUpper = -1;
-    SafeArrayGetLBound(psa, 1, &lLower);
-    SafeArrayGetUBound(psa, 1, &lUpper);
-    for (LONG i = lLower; i <= lUpper; ++i) {
-        CCVariant element;
-        ComPtr<IWbemClassObject> pObject;
-        if (SUCCEEDED(SafeArrayGetElement(psa, &i, element.Ptr())) && element.Type() == VT_UNKNOWN &&
-            V_UNKNOWN(&element.Get()))
-            V_UNKNOWN(&element.Get())
-                ->QueryInterface(IID_IWbemClassObject, reinterpret_cast<void**>(pObject.GetAddressOf()));
-        EXPECT_TRUE(pObject) << "array element " << i << " is no object";
-        if (pObject)
-            objects.push_back(pObject);
-    }
-    return objects;
-}
-
-bool HasNoPut(IWbemClassObject* pObject)
-{
-    ComPtr<IWbemQualifierSet> pQualifiers;
-    CCVariant value;
-    return SUCCEEDED(pObject->GetQualifierSet(pQualifiers.GetAddressOf())) &&
-           SUCCEEDED(pQualifiers->Get(L"NoPut", 0, value.GetAddress(), nullptr)) && value.Type() == VT_BOOL &&
-           V_BOOL(&value.Get()) != VARIANT_FALSE;
-}
-
 std::set<std::wstring> StoredEvents()
 {
     std::set<std::wstring> relPaths;
     ComPtr<IWbemServices> pServices;
     WbemObjects objects;
-    EXPECT_EQ(ConnectWmi(kEventNamespace, pServices), S_OK);
+    EXPECT_EQ(ConnectWmi(kWorkstationEvents, pServices), S_OK);
     if (pServices) {
         EXPECT_EQ(QueryAll(pServices.Get(), L"select * from KM_Event", objects), S_OK);
     }
@@ -105,7 +69,7 @@ std::set<std::wstring> StoredEvents()
 std::wstring EventNamespaceText()
 {
     CCBstr text;
-    EXPECT_EQ(CimStoreSerializeNamespace(kEventNamespace, FALSE, text.GetAddress()), S_OK);
+    EXPECT_EQ(CimStoreSerializeNamespace(kWorkstationEvents, FALSE, text.GetAddress()), S_OK);
     return text ? std::wstring(text.Get(), text.Length()) : std::wstring();
 }
 
@@ -116,36 +80,13 @@ std::string EventClassOf(const CNotificationHandler::KindEntry& entry)
     return pKind ? pKind->GetEventClassName() : std::string();
 }
 
-void CopyMofFiles(const std::wstring& wsFrom, const TempDir& to, const std::wstring& wsPrefix, const wchar_t* wszSkip)
-{
-    WIN32_FIND_DATAW fd;
-    const HANDLE hFind = FindFirstFileW((wsFrom + L"\\*.mof").c_str(), &fd);
-    ASSERT_NE(hFind, INVALID_HANDLE_VALUE) << Narrow(wsFrom);
-    do {
-        if (wszSkip && _wcsicmp(fd.cFileName, wszSkip) == 0)
-            continue;
-        EXPECT_TRUE(CopyFileW((wsFrom + L"\\" + fd.cFileName).c_str(), to.File(wsPrefix + fd.cFileName).c_str(), FALSE))
-            << Narrow(fd.cFileName);
-    } while (FindNextFileW(hFind, &fd));
-    FindClose(hFind);
-}
-
-class FaultSweep : public CimStoreTest, public testing::WithParamInterface<ULONG> {
+class FaultSweep : public WorkstationTest, public testing::WithParamInterface<ULONG> {
 protected:
     void SetUp() override
     {
-        CimStoreTest::SetUp();
-        m_pModule = std::make_unique<MoradelModule>();
-        ASSERT_TRUE(m_pModule->Loaded()) << GetLastError();
-        // The repository as the demo assembles it: the schema first, the machine after it.
-        wchar_t wszRoot[MAX_PATH] = {};
-        const DWORD cch = GetFullPathNameW(FixturePath(L"..\\..").c_str(), MAX_PATH, wszRoot, nullptr);
-        ASSERT_TRUE(cch > 0 && cch < MAX_PATH);
-        const std::wstring wsRoot = wszRoot;
-        ASSERT_NO_FATAL_FAILURE(CopyMofFiles(wsRoot + L"\\schema", m_folder, L"00_", nullptr));
-        ASSERT_NO_FATAL_FAILURE(CopyMofFiles(wsRoot + L"\\examples\\workstation", m_folder, L"", L"change.mof"));
-        m_wsChange = wsRoot + L"\\examples\\workstation\\change.mof";
-        ASSERT_TRUE(FileExists(m_wsChange));
+        WorkstationTest::SetUp();
+        if (HasFatalFailure())
+            return;
         // A kind reads and deletes only the events of its own reference class, so a cycle of the
         // kinds sharing this id's class prepares its requests as a cycle over all ids would, for a
         // fraction of the time; every deleting fault point needs a fresh state.
@@ -161,54 +102,14 @@ protected:
         // with the stored event fails, the event is still reported, without EventType.
         m_bTypeMayBeUnset = std::string(pKind->szClassName) == "CNotfyCoverOpening";
     }
-    void TearDown() override
-    {
-        m_pModule.reset();
-        CimStoreTest::TearDown();
-        CimStoreReset();  // the folder goes with the fixture
-    }
-
-    ComPtr<INotifications> InitializedHandler()
-    {
-        ComPtr<INotifications> pHandler;
-        EXPECT_EQ(m_pModule->CreateHandler(pHandler), S_OK);
-        if (!pHandler)
-            return pHandler;
-        CCBstr bstrNamespace(kEventNamespace);
-        ULONG ulReturn = kUnwritten;
-        EXPECT_EQ(pHandler->Initialize(bstrNamespace.Get(), &ulReturn), S_OK);
-        return pHandler;
-    }
-
-    // One agent cycle of an id: the events, those without NoPut written back, the obsolete deleted.
-    void RunAgentCycle(ULONG ulId)
-    {
-        ComPtr<INotifications> pHandler = InitializedHandler();
-        ComPtr<IWbemServices> pEvents;
-        ASSERT_TRUE(pHandler);
-        ASSERT_EQ(ConnectWmi(kEventNamespace, pEvents), S_OK);
-        CCVariant instances;
-        ULONG ulReturn = kUnwritten;
-        if (SUCCEEDED(pHandler->GetInstances(ulId, instances.Ptr(), &ulReturn))) {
-            for (const auto& pEvent : Objects(instances)) {
-                if (!HasNoPut(pEvent.Get())) {
-                    EXPECT_EQ(pEvents->PutInstance(pEvent.Get(), WBEM_FLAG_CREATE_OR_UPDATE, nullptr, nullptr), S_OK);
-                }
-            }
-        }
-        pHandler->DeleteObsoleteInstances(ulId, &ulReturn);
-    }
-
     // Loaded afresh (without what earlier runs saved), one cycle, then the change.
     void PrepareState()
     {
-        DeleteFileW(m_folder.File(L"state.mof").c_str());
-        wchar_t wszError[1024] = {};
-        HRESULT hr = CimStoreLoadRepository(m_folder.Path().c_str(), wszError, 1024);
-        ASSERT_EQ(hr, S_OK) << Narrow(wszError);
+        ASSERT_NO_FATAL_FAILURE(LoadWorkstation());
         for (ULONG ulId : m_cycleIds)
             ASSERT_NO_FATAL_FAILURE(RunAgentCycle(ulId));
-        hr = CimStoreLoadMofFile(m_wsChange.c_str(), L"root\\default", wszError, 1024);
+        wchar_t wszError[1024] = {};
+        const HRESULT hr = CimStoreLoadMofFile(m_wsChange.c_str(), L"root\\default", wszError, 1024);
         ASSERT_EQ(hr, S_OK) << Narrow(wszError);
         m_wsState = EventNamespaceText();
         ++m_iLoads;
@@ -239,7 +140,7 @@ protected:
             CimStoreClearFaults();
             outcome.bUntouched = instances.Type() == VT_I4 && V_I4(&instances.Get()) == kSentinel;
             outcome.bArray = instances.Type() == (VT_ARRAY | VT_VARIANT);
-            for (const auto& pEvent : Objects(instances))
+            for (const auto& pEvent : ReturnedObjects(instances))
                 outcome.events.push_back({PropertyText(pEvent.Get(), L"__CLASS"), PropertyText(pEvent.Get(), L"__RELPATH"),
                                           PropertyText(pEvent.Get(), L"EventStatus"),
                                           PropertyText(pEvent.Get(), L"EventType")});
@@ -326,9 +227,6 @@ protected:
         return lTried;
     }
 
-    std::unique_ptr<MoradelModule> m_pModule;
-    TempDir m_folder;
-    std::wstring m_wsChange;
     std::wstring m_wsState;  // the event namespace as PrepareState left it
     std::vector<ULONG> m_cycleIds;
     bool m_bTypeMayBeUnset = false;

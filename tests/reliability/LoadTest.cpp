@@ -1,0 +1,167 @@
+// Many requests on the example workstation: a long run on one handler leaves nothing behind, and
+// requests on several threads (with their own handlers or one shared handler, tracing or not)
+// answer exactly as one thread does.
+#include "ProcessFootprint.h"
+#include "TestRegistryKey.h"
+#include "TraceFile.h"
+#include "WorkstationTest.h"
+
+#include "core/CNotificationHandler.h"
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+using Microsoft::WRL::ComPtr;
+
+namespace {
+
+constexpr char kTraceKey[] = "Software\\Tessaline Systems\\Common\\Tracing\\Moradel.dll\\1.06";
+
+// What a caller can compare of a request: both answers and, per event, class, path, status and type.
+std::wstring Answer(INotifications* pHandler, ULONG ulId)
+{
+    CCVariant instances;
+    ULONG ulGet = 0;
+    ULONG ulDelete = 0;
+    const HRESULT hrGet = pHandler->GetInstances(ulId, instances.Ptr(), &ulGet);
+    const HRESULT hrDelete = pHandler->DeleteObsoleteInstances(ulId, &ulDelete);
+    std::wstring wsAnswer = std::to_wstring(hrGet) + L"/" + std::to_wstring(ulGet) + L" " + std::to_wstring(hrDelete) +
+                            L"/" + std::to_wstring(ulDelete);
+    for (const auto& pEvent : ReturnedObjects(instances)) {
+        for (const wchar_t* wszName : {L"__RELPATH", L"EventStatus", L"EventType"}) {
+            CCVariant value;
+            pEvent->Get(wszName, 0, value.GetAddress(), nullptr, nullptr);
+            VariantChangeType(value.Ptr(), value.Ptr(), 0, VT_BSTR);
+            wsAnswer += L" " + std::wstring(value.Type() == VT_BSTR ? V_BSTR(&value.Get()) : L"-");
+        }
+    }
+    return wsAnswer;
+}
+
+class LoadTest : public WorkstationTest {
+protected:
+    void SetUp() override
+    {
+        WorkstationTest::SetUp();
+        if (HasFatalFailure())
+            return;
+        ASSERT_NO_FATAL_FAILURE(LoadWorkstation());
+        for (const CNotificationHandler::KindEntry& entry : CNotificationHandler::KindTable())
+            m_ids.push_back(entry.ulNotfyId);
+        // Two cycles settle the stored events: afterwards a request changes nothing in the store.
+        for (int iCycle = 0; iCycle < 2; ++iCycle)
+            for (ULONG ulId : m_ids)
+                ASSERT_NO_FATAL_FAILURE(RunAgentCycle(ulId));
+        ComPtr<INotifications> pHandler = InitializedHandler();
+        ASSERT_TRUE(pHandler);
+        for (ULONG ulId : m_ids)
+            m_expected[ulId] = Answer(pHandler.Get(), ulId);
+    }
+
+    // iThreads threads make iRequests requests each, cycling over the ids from their own start;
+    // with pShared they all use that handler, else each makes its own. Answers the mismatches.
+    int RunThreads(int iThreads, int iRequests, INotifications* pShared)
+    {
+        std::atomic<int> iMismatches{0};
+        std::mutex mutex;
+        std::string sFirst;
+        std::vector<std::thread> threads;
+        for (int t = 0; t < iThreads; ++t) {
+            threads.emplace_back([&, t] {
+                CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+                {
+                    // No test assertion off the main thread: a handler that cannot be made counts as a mismatch.
+                    ComPtr<INotifications> pOwn;
+                    CCBstr bstrNamespace(kWorkstationEvents);
+                    ULONG ulReturn = 0;
+                    if (!pShared && (FAILED(m_pModule->CreateHandler(pOwn)) ||
+                                     FAILED(pOwn->Initialize(bstrNamespace.Get(), &ulReturn))))
+                        ++iMismatches;
+                    INotifications* pHandler = pShared ? pShared : pOwn.Get();
+                    for (int r = 0; pHandler && r < iRequests; ++r) {
+                        const ULONG ulId = m_ids[static_cast<size_t>(r + t) % m_ids.size()];
+                        const std::wstring wsAnswer = Answer(pHandler, ulId);
+                        if (wsAnswer != m_expected.at(ulId) && iMismatches++ == 0) {
+                            std::lock_guard<std::mutex> lock(mutex);
+                            sFirst = "id " + std::to_string(ulId) + ": " + Narrow(wsAnswer) + " instead of " +
+                                     Narrow(m_expected.at(ulId));
+                        }
+                    }
+                }
+                CoUninitialize();
+            });
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+        EXPECT_EQ(iMismatches.load(), 0) << sFirst;
+        return iMismatches.load();
+    }
+
+    std::vector<ULONG> m_ids;
+    std::map<ULONG, std::wstring> m_expected;
+};
+
+TEST_F(LoadTest, ThousandRequestsOnOneHandlerLeaveNothingBehind)
+{
+    ComPtr<INotifications> pHandler = InitializedHandler();
+    ASSERT_TRUE(pHandler);
+    SIZE_T cbAfterWarmUp = 0;
+    DWORD dwHandlesAfterWarmUp = 0;
+    for (int r = 0; r < 1000; ++r) {
+        if (r == 100) {
+            CimStoreClearContextRecords();  // CimStore's own log of every call's context
+            cbAfterWarmUp = LiveHeapBytes();
+            dwHandlesAfterWarmUp = OpenHandles();
+        }
+        const ULONG ulId = m_ids[static_cast<size_t>(r) % m_ids.size()];
+        ASSERT_EQ(Answer(pHandler.Get(), ulId), m_expected.at(ulId)) << "request " << r;
+    }
+    CimStoreClearContextRecords();
+    EXPECT_LT(LiveHeapBytes(), cbAfterWarmUp + 1024 * 1024) << "heap grew by more than 1 MiB";
+    EXPECT_LE(OpenHandles(), dwHandlesAfterWarmUp + 4) << "handles grew";
+    // The fixture's teardown checks that no store object outlives the handler.
+}
+
+TEST_F(LoadTest, EightThreadsWithTheirOwnHandlersAnswerAsOneThread)
+{
+    RunThreads(8, 1000, nullptr);
+}
+
+TEST_F(LoadTest, FourThreadsSharingOneHandlerAnswerAsOneThread)
+{
+    ComPtr<INotifications> pHandler = InitializedHandler();
+    ASSERT_TRUE(pHandler);
+    RunThreads(4, 1000, pHandler.Get());
+}
+
+// Level 6 writes some hundred lines per request, each opening the file: fewer requests here.
+TEST_F(LoadTest, TracingFromEightThreadsWritesWholeLines)
+{
+    const std::wstring wsFile = m_folder.File(L"threads.trc");
+    {
+        TestRegistryKey key(kTraceKey);
+        key.SetDword("Trace", 1);
+        key.SetDword("TraceLevel", 6);
+        key.SetString("TraceFile", Narrow(wsFile));
+        // The module reads its trace settings when it is loaded.
+        m_pModule.reset();
+        m_pModule = std::make_unique<MoradelModule>();
+        ASSERT_TRUE(m_pModule->Loaded());
+        RunThreads(8, 5, nullptr);
+        m_pModule.reset();
+    }
+    const TraceFileContent content = ReadTraceFile(wsFile);
+    EXPECT_TRUE(content.bHasBom);
+    EXPECT_TRUE(content.bEndsWithLineEnd);
+    ASSERT_GT(content.lines.size(), 1000u);
+    for (const std::wstring& wsLine : content.lines) {
+        ASSERT_EQ(SplitFields(wsLine).size(), 9u) << Narrow(wsLine);
+        ASSERT_EQ(wsLine.find_first_of(L"\r\n"), std::wstring::npos) << Narrow(wsLine);
+    }
+}
+
+}  // namespace
