@@ -176,7 +176,8 @@ HRESULT CCWMIAccess::GetMappedProperty(const char* szPropertyName, VARIANT* pvVa
         if (FAILED(hr))
             RaiseHr(hr, kName, "Throwing exception because GetClassQualifier on 'Values' failed!", "hr 0x%X",
                     static_cast<unsigned>(hr));
-        if (!(varValues.Type() & VT_ARRAY) || !V_ARRAY(&varValues.Get()))
+        // Both are read element by element into texts: an array of anything else is refused too.
+        if (varValues.Type() != (VT_ARRAY | VT_BSTR) || !V_ARRAY(&varValues.Get()))
             RaiseHr(WBEM_E_TYPE_MISMATCH, kName, "Throwing exception because 'Values' is not an array, but should be!",
                     "");
         CCVariant varValueMap;
@@ -184,7 +185,7 @@ HRESULT CCWMIAccess::GetMappedProperty(const char* szPropertyName, VARIANT* pvVa
         if (FAILED(hr))
             RaiseHr(hr, kName, "Throwing exception because GetClassQualifier on 'ValueMap' failed!", "hr 0x%X",
                     static_cast<unsigned>(hr));
-        if (!(varValueMap.Type() & VT_ARRAY) || !V_ARRAY(&varValueMap.Get()))
+        if (varValueMap.Type() != (VT_ARRAY | VT_BSTR) || !V_ARRAY(&varValueMap.Get()))
             RaiseHr(WBEM_E_TYPE_MISMATCH, kName,
                     "Throwing exception because 'ValueMap' is not an array, but should be!", "");
 

@@ -39,7 +39,9 @@ protected:
         HRESULT hr = access.ConnectToNamespace(kNamespace, 0, "MS_409");
         if (FAILED(hr))
             return hr;
-        hr = access.GetObject((std::string("Access_Item.Name=\"") + szItem + "\"").c_str());
+        // Items named n... are of the class whose value maps hold numbers.
+        const std::string sClass = szItem[0] == 'n' ? "Access_NumberMaps" : "Access_Item";
+        hr = access.GetObject((sClass + ".Name=\"" + szItem + "\"").c_str());
         if (FAILED(hr))
             return hr;
         CCVariant value;
@@ -321,6 +323,8 @@ TEST_F(WmiAccessTest, ValueMaps)
         {"i2", "Code", 0, S_OK, "Two"},
         {"i1", "Short", 0, static_cast<HRESULT>(WBEM_E_VALUE_OUT_OF_RANGE), ""},  // fewer texts than map entries
         {"i1", "Note", 0, static_cast<HRESULT>(WBEM_E_NOT_FOUND), ""},            // no value map at all
+        {"n1", "NumberMap", 0, static_cast<HRESULT>(WBEM_E_TYPE_MISMATCH), ""},   // not texts
+        {"n1", "NumberValues", 0, static_cast<HRESULT>(WBEM_E_TYPE_MISMATCH), ""},
     };
     for (const MapCase& c : cases) {
         std::string sText;

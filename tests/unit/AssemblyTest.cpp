@@ -232,6 +232,29 @@ TEST_F(AssemblyTest, UnloadableTableReportsPathAndParserPosition)
     }
 }
 
+// Tables that parse but are absurd: the answer is that the feature is not found, nothing worse.
+TEST_F(AssemblyTest, DeepOrHugeTablesOnlyFailToMatch)
+{
+    std::string sDeep = "<?xml version=\"1.0\"?>\n<features>";
+    for (int i = 0; i < 20000; ++i)
+        sDeep += "<feature name=\"Feat\" version=\"1.0\">";
+    for (int i = 0; i < 20000; ++i)
+        sDeep += "</feature>";
+    sDeep += "</features>\n";
+    std::string sHuge = "<?xml version=\"1.0\"?>\n<features>\n";
+    for (int i = 0; i < 50000; ++i)
+        sHuge += "  <feature name=\"Other" + std::to_string(i) + "\" version=\"1.0\"><context name=\"Ctx\"/></feature>\n";
+    sHuge += "</features>\n";
+    for (const std::string& sTable : {sDeep, sHuge}) {
+        SCOPED_TRACE(sTable.size());
+        WriteTable(sTable);
+        Mark();
+        CCAssembly assembly;
+        EXPECT_FALSE(assembly.Initialize("Feat", "1.0", "Ctx"));
+        EXPECT_EQ(Count("InitializeFeatureList failed"), 1u);
+    }
+}
+
 TEST_F(AssemblyTest, TablesPathIsExpandedOrFailsTheCommonStep)
 {
     WriteTable(Table(""));

@@ -142,6 +142,8 @@ TEST_F(TraceConfigTest, UnusableTraceFileValuesKeepTheDefault)
     EnableDefaults(TRACE_INFO);
     m_pKey->SetString("TraceFile", std::string(300, 'f'));
     EXPECT_STREQ(Configure().GetFileName(), L"Trace.trc");
+    m_pKey->SetString("TraceFile", std::string(1024 * 1024, 'f'));
+    EXPECT_STREQ(Configure().GetFileName(), L"Trace.trc");
     m_pKey->SetString("TraceFile", "");
     EXPECT_STREQ(Configure().GetFileName(), L"Trace.trc");
     m_pKey->SetDword("TraceFile", 5);
@@ -150,6 +152,23 @@ TEST_F(TraceConfigTest, UnusableTraceFileValuesKeepTheDefault)
     SetEnvironmentVariableW(L"MORADEL_TEST_LONG", std::wstring(250, L'x').c_str());
     m_pKey->SetString("TraceFile", "C:\\%MORADEL_TEST_LONG%\\%MORADEL_TEST_LONG%.trc");
     EXPECT_STREQ(Configure().GetFileName(), L"Trace.trc");
+}
+
+// A trace that cannot be written loses its lines and nothing else.
+TEST_F(TraceConfigTest, UnwritableTraceFileLosesItsLinesQuietly)
+{
+    EnableDefaults(TRACE_INFO);
+    m_pKey->SetString("TraceFile", Narrow(m_dir.File(L"missing\\folder\\test.trc")));
+    WriteOneLine(Configure());
+    EXPECT_FALSE(FileExists(m_dir.File(L"missing\\folder\\test.trc")));
+
+    // A folder where the file should be (Wine lets root write read-only files, so that case
+    // cannot be made here).
+    ASSERT_TRUE(CreateDirectoryW(File().c_str(), nullptr));
+    m_pKey->SetString("TraceFile", Narrow(File()));
+    WriteOneLine(Configure());
+    EXPECT_EQ(GetFileAttributesW(File().c_str()) & FILE_ATTRIBUTE_DIRECTORY, DWORD(FILE_ATTRIBUTE_DIRECTORY));
+    RemoveDirectoryW(File().c_str());
 }
 
 TEST_F(TraceConfigTest, ModuleNameTokenInTheKeyPath)
