@@ -236,13 +236,13 @@ TEST_F(AssemblyTest, UnloadableTableReportsPathAndParserPosition)
 TEST_F(AssemblyTest, DeepOrHugeTablesOnlyFailToMatch)
 {
     std::string sDeep = "<?xml version=\"1.0\"?>\n<features>";
-    for (int i = 0; i < 20000; ++i)
+    for (int i = 0; i < 2000; ++i)
         sDeep += "<feature name=\"Feat\" version=\"1.0\">";
-    for (int i = 0; i < 20000; ++i)
+    for (int i = 0; i < 2000; ++i)
         sDeep += "</feature>";
     sDeep += "</features>\n";
     std::string sHuge = "<?xml version=\"1.0\"?>\n<features>\n";
-    for (int i = 0; i < 50000; ++i)
+    for (int i = 0; i < 10000; ++i)
         sHuge += "  <feature name=\"Other" + std::to_string(i) + "\" version=\"1.0\"><context name=\"Ctx\"/></feature>\n";
     sHuge += "</features>\n";
     for (const std::string& sTable : {sDeep, sHuge}) {
