@@ -155,15 +155,6 @@ TEST_P(AllocationFailure, EveryAllocationOfARequestMayFail)
     std::printf("allocation failures: id %lu: %ld allocations failed in turn\n", GetParam(), lTried);
 }
 
-std::vector<ULONG> TableIds()
-{
-    std::vector<ULONG> ids;
-    for (const CNotificationHandler::KindEntry& entry : CNotificationHandler::KindTable())
-        ids.push_back(entry.ulNotfyId);
-    return ids;
-}
-
-INSTANTIATE_TEST_SUITE_P(KindTable, AllocationFailure, testing::ValuesIn(TableIds()),
-                         [](const testing::TestParamInfo<ULONG>& info) { return "Id" + std::to_string(info.param); });
+INSTANTIATE_TEST_SUITE_P(KindTable, AllocationFailure, testing::ValuesIn(TableIds()), IdTestName);
 
 }  // namespace

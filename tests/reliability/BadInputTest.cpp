@@ -88,10 +88,7 @@ protected:
         WorkstationTest::SetUp();
         if (HasFatalFailure())
             return;
-        ASSERT_NO_FATAL_FAILURE(LoadWorkstation());
-        for (int iCycle = 0; iCycle < 2; ++iCycle)
-            for (const CNotificationHandler::KindEntry& entry : CNotificationHandler::KindTable())
-                ASSERT_NO_FATAL_FAILURE(RunAgentCycle(entry.ulNotfyId));
+        ASSERT_NO_FATAL_FAILURE(LoadSettledWorkstation());
     }
 };
 

@@ -255,15 +255,6 @@ TEST_P(FaultSweep, EveryStoreCallFailsAloneThenAllAtOnce)
                 ulId, lTotal, static_cast<unsigned long>(GetTickCount64() - ullStart), m_lAltered, g_lAllFaultPoints);
 }
 
-std::vector<ULONG> AllIds()
-{
-    std::vector<ULONG> ids;
-    for (const CNotificationHandler::KindEntry& entry : CNotificationHandler::KindTable())
-        ids.push_back(entry.ulNotfyId);
-    return ids;
-}
-
-INSTANTIATE_TEST_SUITE_P(KindTable, FaultSweep, testing::ValuesIn(AllIds()),
-                         [](const testing::TestParamInfo<ULONG>& info) { return "Id" + std::to_string(info.param); });
+INSTANTIATE_TEST_SUITE_P(KindTable, FaultSweep, testing::ValuesIn(TableIds()), IdTestName);
 
 }  // namespace

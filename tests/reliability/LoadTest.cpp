@@ -49,13 +49,8 @@ protected:
         WorkstationTest::SetUp();
         if (HasFatalFailure())
             return;
-        ASSERT_NO_FATAL_FAILURE(LoadWorkstation());
-        for (const CNotificationHandler::KindEntry& entry : CNotificationHandler::KindTable())
-            m_ids.push_back(entry.ulNotfyId);
-        // Two cycles settle the stored events: afterwards a request changes nothing in the store.
-        for (int iCycle = 0; iCycle < 2; ++iCycle)
-            for (ULONG ulId : m_ids)
-                ASSERT_NO_FATAL_FAILURE(RunAgentCycle(ulId));
+        ASSERT_NO_FATAL_FAILURE(LoadSettledWorkstation());
+        m_ids = TableIds();
         ComPtr<INotifications> pHandler = InitializedHandler();
         ASSERT_TRUE(pHandler);
         for (ULONG ulId : m_ids)

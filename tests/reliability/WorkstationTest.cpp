@@ -2,6 +2,8 @@
 
 #include "WbemTestClient.h"
 
+#include "core/CNotificationHandler.h"
+
 using Microsoft::WRL::ComPtr;
 
 namespace {
@@ -53,6 +55,19 @@ bool CarriesNoPut(IWbemClassObject* pObject)
     return SUCCEEDED(pObject->GetQualifierSet(pQualifiers.GetAddressOf())) &&
            SUCCEEDED(pQualifiers->Get(L"NoPut", 0, value.GetAddress(), nullptr)) && value.Type() == VT_BOOL &&
            V_BOOL(&value.Get()) != VARIANT_FALSE;
+}
+
+std::vector<ULONG> TableIds()
+{
+    std::vector<ULONG> ids;
+    for (const CNotificationHandler::KindEntry& entry : CNotificationHandler::KindTable())
+        ids.push_back(entry.ulNotfyId);
+    return ids;
+}
+
+std::string IdTestName(const testing::TestParamInfo<ULONG>& info)
+{
+    return "Id" + std::to_string(info.param);
 }
 
 void WorkstationTest::SetUp()
@@ -118,4 +133,12 @@ void WorkstationTest::RunAgentCycle(ULONG ulId, INotifications* pHandler)
         }
     }
     pHandler->DeleteObsoleteInstances(ulId, &ulReturn);
+}
+
+void WorkstationTest::LoadSettledWorkstation()
+{
+    ASSERT_NO_FATAL_FAILURE(LoadWorkstation());
+    for (int iCycle = 0; iCycle < 2; ++iCycle)
+        for (ULONG ulId : TableIds())
+            ASSERT_NO_FATAL_FAILURE(RunAgentCycle(ulId));
 }

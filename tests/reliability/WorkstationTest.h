@@ -21,6 +21,10 @@ inline constexpr wchar_t kWorkstationEvents[] = L"root\\oxl1v2\\KM_Notification"
 // The objects of a VT_ARRAY | VT_VARIANT answer of GetInstances.
 std::vector<Microsoft::WRL::ComPtr<IWbemClassObject>> ReturnedObjects(const CCVariant& value);
 bool CarriesNoPut(IWbemClassObject* pObject);
+// Every id of the handler's table, in its order.
+std::vector<ULONG> TableIds();
+// The name of a test per id, "Id<n>".
+std::string IdTestName(const testing::TestParamInfo<ULONG>& info);
 
 class WorkstationTest : public CimStoreTest {
 protected:
@@ -33,6 +37,9 @@ protected:
     // One agent cycle of an id on pHandler (a new one when null): the events, those without NoPut
     // written back, then the obsolete ones deleted.
     void RunAgentCycle(ULONG ulId, INotifications* pHandler = nullptr);
+    // Loads the workstation and runs two agent cycles over every id: afterwards a request
+    // changes nothing in the store.
+    void LoadSettledWorkstation();
 
     std::unique_ptr<MoradelModule> m_pModule;
     TempDir m_folder;
