@@ -1,7 +1,9 @@
-// Helpers shared by the repository tests: fixture paths and result summaries.
+// Helpers shared by the repository tests: fixture paths, a loaded repository, result summaries.
 #pragma once
 
 #include "cimstore/CimRepository.h"
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <string>
@@ -9,18 +11,21 @@
 
 namespace cimtest {
 
-inline std::wstring Fixture(const wchar_t* wszName)
-{
-    return cimstore::Widen(CIMSTORE_FIXTURES) + L"/" + wszName;
-}
+inline std::wstring Fixture(const wchar_t* wszName) { return cimstore::Widen(CIMSTORE_FIXTURES) + L"/" + wszName; }
 
 constexpr wchar_t kCimv2[] = L"root\\cimv2";
 constexpr wchar_t kServer[] = L"TESTSRV";
 
-// Compiles data.mof (which includes schema.mof) and expects success.
+// Compiles data.mof (which includes schema.mof).
 inline cimstore::MofResult LoadFixture(cimstore::CimRepository& repository)
 {
     return repository.CompileFile(Fixture(L"data.mof"));
+}
+
+inline std::vector<std::wstring> Sorted(std::vector<std::wstring> v)
+{
+    std::sort(v.begin(), v.end());
+    return v;
 }
 
 // Values of one string property of every result, sorted.
@@ -29,19 +34,36 @@ inline std::vector<std::wstring> Column(const std::vector<cimstore::CimInstance>
     std::vector<std::wstring> out;
     for (const cimstore::CimInstance& instance : results) {
         cimstore::CimValue value;
-        if (FAILED(instance.Get(wszProperty, value)) || value.IsNull())
-            out.push_back(L"<null>");
-        else
-            out.push_back(cimstore::ScalarText(value.Scalar(), CIM_STRING));
+        const bool bNull = FAILED(instance.Get(wszProperty, value)) || value.IsNull();
+        out.push_back(bNull ? L"<null>" : cimstore::ScalarText(value.Scalar(), CIM_STRING));
     }
-    std::sort(out.begin(), out.end());
-    return out;
+    return Sorted(std::move(out));
 }
 
-inline std::vector<std::wstring> Sorted(std::vector<std::wstring> v)
-{
-    std::sort(v.begin(), v.end());
-    return v;
-}
+// A repository holding data.mof.
+class LoadedRepository : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        const cimstore::MofResult result = LoadFixture(m_repository);
+        ASSERT_EQ(result.hr, S_OK) << cimstore::Narrow(result.message);
+    }
+    cimstore::CimInstance Get(std::wstring_view wsPath, std::wstring_view wsNs = kCimv2) const
+    {
+        cimstore::CimInstance instance;
+        EXPECT_EQ(m_repository.GetInstance(wsNs, wsPath, instance), S_OK) << cimstore::Narrow(wsPath);
+        return instance;
+    }
+    cimstore::CimValue Value(std::wstring_view wsPath, const wchar_t* wszProp, std::wstring_view wsNs = kCimv2) const
+    {
+        cimstore::CimValue value;
+        const cimstore::CimInstance instance = Get(wsPath, wsNs);
+        if (instance.IsValid()) {
+            EXPECT_EQ(instance.Get(wszProp, value), S_OK) << cimstore::Narrow(wszProp);
+        }
+        return value;
+    }
+    cimstore::CimRepository m_repository{kServer};
+};
 
 }  // namespace cimtest

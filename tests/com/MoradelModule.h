@@ -9,17 +9,7 @@
 
 class MoradelModule {
 public:
-    using GetClassObjectFn = HRESULT(WINAPI*)(REFCLSID, REFIID, void**);
-    using CanUnloadNowFn = HRESULT(WINAPI*)();
-    using RegisterFn = HRESULT(WINAPI*)();
-
-    MoradelModule() : m_h(LoadLibraryW(L"Moradel.dll"))
-    {
-        m_pfnGetClassObject = reinterpret_cast<GetClassObjectFn>(Proc("DllGetClassObject"));
-        m_pfnCanUnloadNow = reinterpret_cast<CanUnloadNowFn>(Proc("DllCanUnloadNow"));
-        m_pfnRegister = reinterpret_cast<RegisterFn>(Proc("DllRegisterServer"));
-        m_pfnUnregister = reinterpret_cast<RegisterFn>(Proc("DllUnregisterServer"));
-    }
+    MoradelModule() : m_h(LoadLibraryW(L"Moradel.dll")) {}
     ~MoradelModule()
     {
         if (m_h)
@@ -30,31 +20,26 @@ public:
 
     bool Loaded() const
     {
-        return m_h && m_pfnGetClassObject && m_pfnCanUnloadNow && m_pfnRegister && m_pfnUnregister;
+        return m_pfnGetClass && Proc("DllCanUnloadNow") && Proc("DllRegisterServer") &&
+               Proc("DllUnregisterServer");
     }
     HMODULE Handle() const { return m_h; }
-
-    HRESULT GetClassObject(REFCLSID rclsid, REFIID riid, void** ppv) const { return m_pfnGetClassObject(rclsid, riid, ppv); }
-    HRESULT CanUnloadNow() const { return m_pfnCanUnloadNow(); }
-    HRESULT Register() const { return m_pfnRegister(); }
-    HRESULT Unregister() const { return m_pfnUnregister(); }
-
+    void* Proc(const char* szFn) const { return m_h ? reinterpret_cast<void*>(GetProcAddress(m_h, szFn)) : nullptr; }
+    HRESULT GetClassObject(REFCLSID clsid, REFIID iid, void** ppv) const { return m_pfnGetClass(clsid, iid, ppv); }
+    HRESULT CanUnloadNow() const { return Call("DllCanUnloadNow"); }
+    HRESULT Register() const { return Call("DllRegisterServer"); }
+    HRESULT Unregister() const { return Call("DllUnregisterServer"); }
     HRESULT CreateHandler(Microsoft::WRL::ComPtr<INotifications>& pHandler) const
     {
         Microsoft::WRL::ComPtr<IClassFactory> pFactory;
-        HRESULT hr = GetClassObject(CLSID_NotificationHandler, IID_IClassFactory,
-                                    reinterpret_cast<void**>(pFactory.GetAddressOf()));
-        if (FAILED(hr))
-            return hr;
-        return pFactory->CreateInstance(nullptr, IID_INotifications, reinterpret_cast<void**>(pHandler.ReleaseAndGetAddressOf()));
+        const HRESULT hr = GetClassObject(CLSID_NotificationHandler, IID_IClassFactory, &pFactory);
+        return FAILED(hr) ? hr : pFactory->CreateInstance(nullptr, IID_INotifications, &pHandler);
     }
 
 private:
-    void* Proc(const char* szName) const { return m_h ? reinterpret_cast<void*>(GetProcAddress(m_h, szName)) : nullptr; }
+    HRESULT Call(const char* szFn) const { return reinterpret_cast<HRESULT(WINAPI*)()>(Proc(szFn))(); }
 
     HMODULE m_h;
-    GetClassObjectFn m_pfnGetClassObject = nullptr;
-    CanUnloadNowFn m_pfnCanUnloadNow = nullptr;
-    RegisterFn m_pfnRegister = nullptr;
-    RegisterFn m_pfnUnregister = nullptr;
+    HRESULT(WINAPI* m_pfnGetClass)(REFCLSID, REFIID, void**) =
+        reinterpret_cast<HRESULT(WINAPI*)(REFCLSID, REFIID, void**)>(Proc("DllGetClassObject"));
 };

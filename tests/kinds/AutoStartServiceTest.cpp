@@ -1,6 +1,5 @@
-// The autostart (id 62) and service (id 61) kinds over several agent cycles, and the substring
-// rule of the autostart exclude list.
-#include "KindTestSupport.h"
+// The autostart (id 62) and service (id 61) kinds over agent cycles, and the autostart exclude list.
+#include "KindScenario.h"
 
 #include "GlobalTraceLog.h"
 #include "TestRegistryKey.h"
@@ -8,10 +7,6 @@
 #include "notifications/inventory/CNotfyServiceMonitoring.h"
 
 #include <cstring>
-#include <map>
-#include <set>
-#include <string>
-#include <vector>
 
 namespace {
 
@@ -19,55 +14,21 @@ constexpr char kAutoStartKey[] =
     "SOFTWARE\\Tessaline Systems\\Larkspan\\Infrastructure\\Notification\\Moradel.dll\\NotificationId\\62";
 constexpr wchar_t kAlice[] = L"WS-0815\\alice";
 constexpr wchar_t kBob[] = L"WS-0815\\bob";
+constexpr wchar_t kCimv2[] = L"root\\cimv2";
 
-using Texts = std::vector<std::wstring>;
-
-class AutoStartServiceTest : public KindTest {
+class AutoStartServiceTest : public KindScenario {
 protected:
-    void SetUp() override
+    AutoStartServiceTest() : KindScenario({L"..\\..\\schema\\KM_Inventory.mof"}) {}
+    // The one event of a service cycle: the captions as they stand, or the list changed by these arguments.
+    Events Services(const Texts& changes, const char* szStep)
     {
-        KindTest::SetUp();
-        ASSERT_NO_FATAL_FAILURE(LoadFixture(L"..\\..\\schema\\KM_Inventory.mof"));
-    }
-
-    // One autostart cycle's events by user.
-    std::map<std::wstring, CycleEvent> AutoStartCycle()
-    {
-        CycleResult cycle = RunAgentCycle<CNotfyAutoStartMonitoring>();
-        EXPECT_EQ(cycle.hrGet, S_OK) << std::hex << cycle.hrGet;
-        EXPECT_EQ(cycle.hrDelete, S_OK) << std::hex << cycle.hrDelete;
-        std::map<std::wstring, CycleEvent> events;
-        for (CycleEvent& event : cycle.events) {
-            EXPECT_FALSE(event.bNoPut) << "the reference always takes the latest lists";
-            events[GetText(event.pEvent.Get(), L"User")] = std::move(event);
-        }
+        const bool bChanged = !changes.empty();
+        Events events = Cycle<CNotfyServiceMonitoring>(L"DeviceId");
+        ExpectEvents(events, {{L"1", bChanged ? 2 : 1, bChanged ? 61010 : 61001, bChanged ? 5 : 3, false,
+                               bChanged ? changes : Texts{L"<none>"}}}, szStep);
         return events;
     }
-
-    // The one event of a service cycle.
-    CycleEvent ServiceCycle()
-    {
-        CycleResult cycle = RunAgentCycle<CNotfyServiceMonitoring>();
-        EXPECT_EQ(cycle.hrGet, S_OK) << std::hex << cycle.hrGet;
-        EXPECT_EQ(cycle.events.size(), 1u);
-        if (cycle.events.empty())
-            return CycleEvent{};
-        CycleEvent& event = cycle.events.front();
-        EXPECT_FALSE(event.bNoPut);
-        EXPECT_EQ(GetText(event.pEvent.Get(), L"Object"), L"Win32_Service");
-        EXPECT_EQ(GetI4(event.pEvent.Get(), L"DeviceId"), 1);
-        return std::move(event);
-    }
 };
-
-void ExpectEvent(const CycleEvent& event, LONG lType, LONG lStatus, LONG lTextId, const Texts& arguments,
-                 const char* szStep)
-{
-    EXPECT_EQ(event.lType, lType) << szStep;
-    EXPECT_EQ(event.lStatus, lStatus) << szStep;
-    EXPECT_EQ(event.lTextId, lTextId) << szStep;
-    EXPECT_EQ(event.arguments, arguments) << szStep;
-}
 
 TEST_F(AutoStartServiceTest, AutoStartReportsAddedAndRemovedEntriesPerUser)
 {
@@ -75,57 +36,42 @@ TEST_F(AutoStartServiceTest, AutoStartReportsAddedAndRemovedEntriesPerUser)
     key.SetString("ExcludeList", "Microsoft Teams;OneDrive");
     key.SetDword("DisableXP", 1);  // meaningless from Windows 6.0 on
     ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\autostart\\startup.mof"));
-
-    // A first report and an unchanged cycle look alike: the user alone, stored again.
+    // A first report and an unchanged cycle look alike: the reference always takes the latest lists.
     for (const char* szStep : {"first cycle", "unchanged cycle"}) {
-        std::map<std::wstring, CycleEvent> events = AutoStartCycle();
-        ASSERT_TRUE(events.size() == 2 && events.count(kAlice) && events.count(kBob)) << szStep;
-        ExpectEvent(events[kAlice], 3, 1, 62001, {kAlice}, szStep);
-        ExpectEvent(events[kBob], 3, 1, 62001, {kBob}, szStep);
+        Events events = Cycle<CNotfyAutoStartMonitoring>(L"User");
+        ExpectEvents(events, {{kAlice, 1, 62001, 3, false, {kAlice}}, {kBob, 1, 62001, 3, false, {kBob}}}, szStep);
+        ASSERT_TRUE(events.count(kAlice) && events.count(kBob)) << szStep;
         EXPECT_EQ(GetI4(events[kAlice].pEvent.Get(), L"DeviceId"), 1);
         EXPECT_EQ(GetI4(events[kBob].pEvent.Get(), L"DeviceId"), 2);
         EXPECT_EQ(GetTexts(events[kBob].pEvent.Get(), L"AppName"), (Texts{L"OneDrive", L"Greenshot"}));
         EXPECT_EQ(GetTexts(events[kBob].pEvent.Get(), L"Location").back(),
                   L"C:\\Users\\bob\\AppData\\Roaming\\Microsoft\\Windows\\Start Menu\\Programs\\Startup");
     }
-
-    // Skype removed, Slack added; a case-only change and the filtered Teams entry are no change.
+    // Skype removed, Slack added; a case-only change and the filtered Teams entry are no change. Bob is gone.
     ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\autostart\\changed.mof"));
-    std::map<std::wstring, CycleEvent> changed = AutoStartCycle();
-    ASSERT_TRUE(changed.size() == 1 && changed.count(kAlice)) << "a user who is gone yields no event";
-    ExpectEvent(changed[kAlice], 5, 2, 62010, {kAlice, L"Slack [2]", L"Skype [2]"}, "changed cycle");
-    EXPECT_EQ(StoredTexts("KM_AutoStart_Static", L"User"), std::set<std::wstring>{kAlice})
-        << "the gone user's reference is obsolete";
-
-    std::map<std::wstring, CycleEvent> after = AutoStartCycle();
-    ASSERT_TRUE(after.size() == 1 && after.count(kAlice));
-    ExpectEvent(after[kAlice], 3, 1, 62001, {kAlice}, "cycle after the change");
-
+    ExpectEvents(Cycle<CNotfyAutoStartMonitoring>(L"User"),
+                 {{kAlice, 2, 62010, 5, false, {kAlice, L"Slack [2]", L"Skype [2]"}}}, "changed");
+    EXPECT_EQ(StoredTexts("KM_AutoStart_Static", L"User"), std::set<std::wstring>{kAlice});
+    ExpectEvents(Cycle<CNotfyAutoStartMonitoring>(L"User"), {{kAlice, 1, 62001, 3, false, {kAlice}}}, "after");
     // Bob is back, and reading Alice's entries fails: she is skipped, he is reported.
     ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\autostart\\startup.mof"));
     ASSERT_EQ(CimStoreInjectFault(L"Get", L"LocationType", 1, WBEM_E_FAILED), S_OK);
     const size_t uMark = GlobalTraceLog::Get().Mark();
-    std::map<std::wstring, CycleEvent> faulty = AutoStartCycle();
-    ASSERT_TRUE(faulty.size() == 1 && faulty.count(kBob));
-    ExpectEvent(faulty[kBob], 3, 1, 62001, {kBob}, "cycle with a failing user");
+    Events faulty = Cycle<CNotfyAutoStartMonitoring>(L"User");
+    ExpectEvents(faulty, {{kBob, 1, 62001, 3, false, {kBob}}}, "failing user");
+    ASSERT_EQ(faulty.count(kBob), 1u);
     EXPECT_EQ(GetI4(faulty[kBob].pEvent.Get(), L"DeviceId"), 1) << "a user that failed uses no number";
-    EXPECT_TRUE(GlobalTraceLog::Get().Contains(uMark, "Rasing exception because error getting 'LocationType' property"));
+    EXPECT_TRUE(
+        GlobalTraceLog::Get().Contains(uMark, "Rasing exception because error getting 'LocationType' property"));
 }
 
 TEST_F(AutoStartServiceTest, ExcludeListFiltersByPlainSubstring)
 {
     const std::string sHuge = std::string(100000, 'x') + "Tail";
-    const struct {
-        const char* szCase;
-        const char* szList;  // null: no value
-        DWORD dwType;
-        const char* szApp;
-        bool bFiltered;
-    } cases[] = {
-        {"no value", nullptr, REG_SZ, "Skype", false},
-        {"no value, empty name", nullptr, REG_SZ, "", true},
-        {"empty list, empty name", "", REG_SZ, "", true},
-        {"empty list", "", REG_SZ, "Skype", false},
+    // szList null: no value.
+    const struct { const char *szCase, *szList; DWORD dwType; const char* szApp; bool bFiltered; } cases[] = {
+        {"no value", nullptr, REG_SZ, "Skype", false}, {"no value, empty name", nullptr, REG_SZ, "", true},
+        {"empty list, empty name", "", REG_SZ, "", true}, {"empty list", "", REG_SZ, "Skype", false},
         {"whole entry", "Microsoft Teams;OneDrive", REG_SZ, "OneDrive", true},
         {"case of the name", "Microsoft Teams;OneDrive", REG_SZ, "onedrive", true},
         {"case of the list", "microsoft teams", REG_SZ, "TEAMS", true},
@@ -152,27 +98,22 @@ TEST_F(AutoStartServiceTest, ServicesReportInstalledAndRemovedCaptionsOnce)
 {
     ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\services\\win32_service.mof"));
     ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\services\\services.mof"));
-    const Texts captions = {L"Windows Audio", L"DHCP Client", L"Print Spooler", L"Windows Defender Antivirus Service"};
-    for (const char* szStep : {"first cycle", "unchanged cycle"}) {
-        const CycleEvent event = ServiceCycle();
-        ExpectEvent(event, 3, 1, 61001, {L"<none>"}, szStep);
-        if (event.pEvent) {
-            EXPECT_EQ(GetTexts(event.pEvent.Get(), L"ServiceName"), captions) << szStep;
-        }
-    }
-
-    // A new service and a renamed one; the DHCP caption changed case only.
+    const std::wstring wsZone = L"instance of Win32_Service { Name = \"Zs\"; Caption = \"";
+    ASSERT_NO_FATAL_FAILURE(LoadMof(wsZone + L"Zone\"; };", kCimv2));
+    Events first = Services({}, "first");
+    ASSERT_EQ(first.count(L"1"), 1u);
+    EXPECT_EQ(GetTexts(first[L"1"].pEvent.Get(), L"ServiceName"), (Texts{L"Windows Audio", L"DHCP Client",
+              L"Print Spooler", L"Windows Defender Antivirus Service", L"Zone"}));
+    Services({}, "unchanged");
+    // A new service and a renamed one; the DHCP and Zone captions changed case only (Z folds like A to Y).
     ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\services\\changed.mof"));
-    ExpectEvent(ServiceCycle(), 5, 2, 61010,
-                {L"Remote Desktop Services, Microsoft Defender Antivirus Service", L"Windows Defender Antivirus Service"},
-                "changed cycle");
-    ExpectEvent(ServiceCycle(), 3, 1, 61001, {L"<none>"}, "cycle after the change");
-
-    ASSERT_NO_FATAL_FAILURE(LoadMof(L"#pragma deleteinstance(\"Win32_Service.Name=\\\"Spooler\\\"\", NOFAIL)\n",
-                                    L"root\\cimv2"));
-    ExpectEvent(ServiceCycle(), 5, 2, 61010, {L"--", L"Print Spooler"}, "removal cycle");
+    ASSERT_NO_FATAL_FAILURE(LoadMof(wsZone + L"zone\"; };", kCimv2));
+    Services({L"Remote Desktop Services, Microsoft Defender Antivirus Service", L"Windows Defender Antivirus Service"},
+             "changed");
+    Services({}, "after the change");
+    ASSERT_NO_FATAL_FAILURE(LoadMof(L"#pragma deleteinstance(\"Win32_Service.Name=\\\"Spooler\\\"\", NOFAIL)", kCimv2));
+    Services({L"--", L"Print Spooler"}, "removal");
     EXPECT_EQ(StoredTexts("KM_ServiceMonitoring_Static", L"Object"), std::set<std::wstring>{L"Win32_Service"});
-
     // A caption that cannot be read fails the machine's one event, not the request.
     ASSERT_EQ(CimStoreInjectFault(L"Get", L"Caption", 2, WBEM_E_FAILED), S_OK);
     const size_t uMark = GlobalTraceLog::Get().Mark();

@@ -3,8 +3,6 @@
 #include "GlobalTraceLog.h"
 
 #include "access/ComHolders.h"
-#include "framework/CCQuillTrace.h"
-#include "framework/HResultError.h"
 
 namespace {
 
@@ -14,12 +12,6 @@ HRESULT PutI4(CCWMIAccess& access, const char* szProperty, LONG lValue)
     V_VT(value.Ptr()) = VT_I4;
     V_I4(value.Ptr()) = lValue;
     return access.SetProperty(szProperty, value.Ptr());
-}
-
-void Check(HRESULT hr, const char* szMessage)
-{
-    if (FAILED(hr))
-        RaiseHr(hr, "CNotfyTestKind::RetrieveInstances", szMessage, "hr 0x%X", static_cast<unsigned>(hr));
 }
 
 }  // namespace
@@ -34,30 +26,24 @@ CNotfyTestKind::CNotfyTestKind(unsigned long ulNotfyId)
 HRESULT CNotfyTestKind::RetrieveInstances()
 {
     ++m_iRetrieveCalls;
-    m_itemResults.clear();
+    // Like every kind: the first failing step ends the item, and the others go on.
     for (const Item& item : m_items) {
-        // Like every kind: a failed item is traced and skipped.
-        const HRESULT hr = CatchHr([&]() -> HRESULT {
-            Check(m_wmi.NewInstance(m_sEventClassName.c_str()), "Raising exception because NewInstance failed.");
-            Check(PutI4(m_wmi, "DeviceId", item.lDeviceId), "Raising exception because SetProperty on 'DeviceId' failed.");
-            if (item.szObject) {
-                CCVariant object;
-                object.SetText(std::wstring(item.szObject, item.szObject + strlen(item.szObject)).c_str());
-                Check(m_wmi.SetProperty("Object", object.Ptr()), "Raising exception because setting 'Object' reference failed.");
-            }
-            Check(PutI4(m_wmi, "EventStatus", static_cast<LONG>(item.ulStatus)),
-                  "Raising exception because SetProperty on 'EventStatus' failed");
-            Check(SetEventType(item.ulStatus), "Raising exception because SetEventData failed.");
-            Check(SetCommonData(), "Raising exception because SetCommonData failed.");
-            Check(AddToList(), "Raising exception because AddToList failed.");
-            return S_OK;
-        });
-        m_itemResults.push_back(hr);
-        if (FAILED(hr))
-            GetTrace().TraceMsg(TRACE_WARNING, "CNotfyTestKind::RetrieveInstances", "Exception",
-                                "Catching an self-thrown HRESULT exception. This usually indicates an error, but I just "
-                                "continue in the loop!",
-                                "hr 0x%X", static_cast<unsigned>(hr));
+        CCVariant object;
+        if (item.szObject)
+            object.SetText(std::wstring(item.szObject, item.szObject + strlen(item.szObject)).c_str());
+        HRESULT hr = m_wmi.NewInstance(m_sEventClassName.c_str());
+        if (SUCCEEDED(hr))
+            hr = PutI4(m_wmi, "DeviceId", item.lDeviceId);
+        if (SUCCEEDED(hr) && item.szObject)
+            hr = m_wmi.SetProperty("Object", object.Ptr());
+        if (SUCCEEDED(hr))
+            hr = PutI4(m_wmi, "EventStatus", static_cast<LONG>(item.ulStatus));
+        if (SUCCEEDED(hr))
+            hr = SetEventType(item.ulStatus);
+        if (SUCCEEDED(hr))
+            hr = SetCommonData();
+        if (SUCCEEDED(hr))
+            AddToList();
     }
     if (m_iFailingRetrievals > 0) {
         --m_iFailingRetrievals;
@@ -91,8 +77,14 @@ void KindTest::TearDown()
 
 HRESULT KindTest::InitKind(CNotfyBase& kind)
 {
-    const CNotfyNames names = {"TestFeature", "1.0", "TestContext"};
+    const CNotfyNames names = {m_sFeature.c_str(), "1.0", "TestContext"};
     return kind.Init(*m_pEvents, &names);
+}
+
+void KindTest::NewEvent(CNotfyTestKind& kind, LONG lDeviceId, const char* szClass)
+{
+    ASSERT_EQ(kind.Access().NewInstance(szClass), S_OK);
+    ASSERT_EQ(PutI4(kind.Access(), "DeviceId", lDeviceId), S_OK);
 }
 
 std::set<LONG> KindTest::StoredDeviceIds()
@@ -200,4 +192,12 @@ std::set<std::wstring> KindTest::StoredTexts(const char* szClass, const wchar_t*
     for (HRESULT hr = access.GetClassInstances(szClass, 0); SUCCEEDED(hr); hr = access.GetNextWMIInstanceInEnumerator())
         texts.insert(GetText(access, wszProperty));
     return texts;
+}
+
+std::map<std::wstring, CycleEvent> EventsBy(std::vector<CycleEvent> events, const wchar_t* wszKey)
+{
+    std::map<std::wstring, CycleEvent> byKey;
+    for (CycleEvent& event : events)
+        byKey[GetText(event.pEvent.Get(), wszKey)] = std::move(event);
+    return byKey;
 }

@@ -9,6 +9,7 @@
 
 #include <wrl/client.h>
 
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -40,16 +41,15 @@ public:
     int m_iFailingRetrievals = 0;  // so many retrievals list their items and then fail
     int m_iRetrieveCalls = 0;
     std::set<LONG> m_obsoleteIds;  // IsInstanceObsolete answers true for these stored DeviceIds
-    std::vector<HRESULT> m_itemResults;
 };
 
 // What an agent cycle saw of one event; the object stays for reading further properties.
 struct CycleEvent {
     Microsoft::WRL::ComPtr<IWbemClassObject> pEvent;
-    LONG lStatus;
-    LONG lTextId;
-    LONG lType;
-    bool bNoPut;
+    LONG lStatus = -1;
+    LONG lTextId = -1;
+    LONG lType = -1;
+    bool bNoPut = false;
     std::vector<std::wstring> arguments;  // {L"<none>"} when EventTextArguments is not set
 };
 
@@ -77,13 +77,19 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // Init with the event namespace and a fixed feature identity.
+    // Init with the event namespace and the feature identity {m_sFeature, "1.0", "TestContext"}.
     HRESULT InitKind(CNotfyBase& kind);
     // DeviceIds of the stored instances of the test kind's class.
     std::set<LONG> StoredDeviceIds();
+    // A new event instance of szClass as the kind's current one, keyed by lDeviceId.
+    void NewEvent(CNotfyTestKind& kind, LONG lDeviceId, const char* szClass = "KM_TestKind_Static");
 
     std::unique_ptr<CCWMIAccess> m_pEvents;
+    std::string m_sFeature = "TestFeature";
 };
+
+// A cycle's events by the text of one of their properties (e.g. DeviceId or Name).
+std::map<std::wstring, CycleEvent> EventsBy(std::vector<CycleEvent> events, const wchar_t* wszKey);
 
 // A property of an object as a VARIANT type and value, for checks.
 LONG GetI4(IWbemClassObject* pObject, const wchar_t* wszProperty, VARTYPE* pvt = nullptr);

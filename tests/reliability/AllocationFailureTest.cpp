@@ -5,28 +5,20 @@
 
 #include "core/CNotificationHandler.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <new>
-#include <string>
-
-using Microsoft::WRL::ComPtr;
 
 namespace {
 
-// The failing-new seam: while armed on a thread, that thread's allocations are counted and the
-// one numbered t_lFailAt fails (0: none fails, only counted).
+// While armed on a thread, that thread's allocations are counted and number t_lFailAt fails (0: none).
 thread_local bool t_bArmed = false;
 thread_local long t_lAllocations = 0;
 thread_local long t_lFailAt = 0;
 
 void* Allocate(std::size_t cb, bool bThrow)
 {
-    if (t_bArmed && ++t_lAllocations == t_lFailAt) {
-        if (bThrow)
-            throw std::bad_alloc();
-        return nullptr;
-    }
-    void* p = std::malloc(cb ? cb : 1);
+    void* p = t_bArmed && ++t_lAllocations == t_lFailAt ? nullptr : std::malloc(cb ? cb : 1);
     if (!p && bThrow)
         throw std::bad_alloc();
     return p;
@@ -58,12 +50,11 @@ public:
     STDMETHODIMP_(ULONG) AddRef() override { return ++m_ulRefs; }
     STDMETHODIMP_(ULONG) Release() override
     {
-        const ULONG ulRefs = --m_ulRefs;
-        if (!ulRefs) {
-            FinalRelease();
-            delete this;
-        }
-        return ulRefs;
+        if (--m_ulRefs)
+            return m_ulRefs;
+        FinalRelease();
+        delete this;
+        return 0;
     }
     STDMETHODIMP GetTypeInfoCount(UINT*) override { return E_NOTIMPL; }
     STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
@@ -77,36 +68,8 @@ private:
     ULONG m_ulRefs = 0;
 };
 
-enum class ERequest { Initialize, GetInstances, DeleteObsoleteInstances };
-
-// One request on a new handler, with allocation lFailAt of the request failing; answers the number
-// of allocations it made. An exception leaving the method fails the test.
-long RunRequest(ERequest request, ULONG ulId, long lFailAt, HRESULT* phr, ULONG* pulReturn)
-{
-    ComPtr<InProcessHandler> pHandler(new InProcessHandler());
-    CCBstr bstrNamespace(kWorkstationEvents);
-    ULONG ulReturn = 0;
-    if (request != ERequest::Initialize && FAILED(pHandler->Initialize(bstrNamespace.Get(), &ulReturn)))
-        return 0;
-    CCVariant instances;
-    *pulReturn = 0x5EA1;
-    t_lAllocations = 0;
-    t_lFailAt = lFailAt;
-    t_bArmed = true;
-    try {
-        if (request == ERequest::Initialize)
-            *phr = pHandler->Initialize(bstrNamespace.Get(), pulReturn);
-        else if (request == ERequest::GetInstances)
-            *phr = pHandler->GetInstances(ulId, instances.Ptr(), pulReturn);
-        else
-            *phr = pHandler->DeleteObsoleteInstances(ulId, pulReturn);
-    } catch (...) {
-        t_bArmed = false;
-        ADD_FAILURE() << "an exception left the method";
-    }
-    t_bArmed = false;
-    return t_lAllocations;
-}
+enum ERequest { kInitialize, kGetInstances, kDeleteObsoleteInstances };
+constexpr const char* kRequestNames[] = {"Initialize", "GetInstances", "DeleteObsoleteInstances"};
 
 class AllocationFailure : public WorkstationTest, public testing::WithParamInterface<ULONG> {
 protected:
@@ -116,26 +79,47 @@ protected:
         if (HasFatalFailure())
             return;
         ASSERT_NO_FATAL_FAILURE(LoadWorkstation());
-        ASSERT_NO_FATAL_FAILURE(RunAgentCycle(GetParam()));
+        RunAgentCycle(GetParam());
     }
-
+    // One request on a new handler with allocation lFailAt of the request failing; answers the number
+    // of allocations it made.
+    long RunRequest(ERequest request, long lFailAt, HRESULT* phr, ULONG* pulReturn)
+    {
+        Microsoft::WRL::ComPtr<InProcessHandler> pHandler(new InProcessHandler());
+        CCBstr bstrNamespace(kWorkstationEvents);
+        CCVariant instances;
+        if (request != kInitialize && FAILED(pHandler->Initialize(bstrNamespace.Get(), pulReturn)))
+            return 0;
+        *pulReturn = 0x5EA1;
+        t_lAllocations = 0;
+        t_lFailAt = lFailAt;
+        t_bArmed = true;
+        try {
+            *phr = request == kInitialize     ? pHandler->Initialize(bstrNamespace.Get(), pulReturn)
+                   : request == kGetInstances ? pHandler->GetInstances(GetParam(), instances.Ptr(), pulReturn)
+                                              : pHandler->DeleteObsoleteInstances(GetParam(), pulReturn);
+        } catch (...) {
+            t_bArmed = false;
+            ADD_FAILURE() << "an exception left the method";
+        }
+        t_bArmed = false;
+        return t_lAllocations;
+    }
     // Every allocation of the request failed in turn; answers how many were tried.
     long Sweep(ERequest request)
     {
+        SCOPED_TRACE(kRequestNames[request]);
         HRESULT hr = E_FAIL;
         ULONG ulReturn = 0;
-        const long lAllocations = RunRequest(request, GetParam(), 0, &hr, &ulReturn);
-        for (long k = 1; k <= lAllocations; ++k) {
+        const long lAllocations = RunRequest(request, 0, &hr, &ulReturn);
+        for (long k = 1; k <= lAllocations && !HasFailure(); ++k) {
             SCOPED_TRACE("allocation " + std::to_string(k) + " of " + std::to_string(lAllocations));
             const LONG lObjects = CimStoreLiveObjects();
-            RunRequest(request, GetParam(), k, &hr, &ulReturn);
+            hr = S_OK;
+            RunRequest(request, k, &hr, &ulReturn);
             EXPECT_EQ(CimStoreLiveObjects(), lObjects) << "store objects outlive the request";
-            if (FAILED(hr) && request != ERequest::Initialize) {
-                EXPECT_TRUE(ulReturn == GetParam() || ulReturn == 0xFFFFFFFF)
-                    << "hr 0x" << std::hex << hr << " return value " << std::dec << ulReturn;
-            }
-            if (HasFailure())
-                break;
+            EXPECT_TRUE(SUCCEEDED(hr) || request == kInitialize || ulReturn == GetParam() || ulReturn == 0xFFFFFFFF)
+                << "hr 0x" << std::hex << hr << " return value " << std::dec << ulReturn;
         }
         return lAllocations;
     }
@@ -143,15 +127,11 @@ protected:
 
 TEST_P(AllocationFailure, EveryAllocationOfARequestMayFail)
 {
-    long lTried = 0;
-    for (ERequest request : {ERequest::GetInstances, ERequest::DeleteObsoleteInstances}) {
-        SCOPED_TRACE(request == ERequest::GetInstances ? "GetInstances" : "DeleteObsoleteInstances");
-        lTried += Sweep(request);
-    }
-    if (GetParam() == CNotificationHandler::KindTable().front().ulNotfyId) {
-        SCOPED_TRACE("Initialize");
-        lTried += Sweep(ERequest::Initialize);
-    }
+    long lTried = Sweep(kGetInstances);
+    lTried += Sweep(kDeleteObsoleteInstances);
+    // Initialize does not depend on the id.
+    if (GetParam() == CNotificationHandler::KindTable().front().ulNotfyId)
+        lTried += Sweep(kInitialize);
     std::printf("allocation failures: id %lu: %ld allocations failed in turn\n", GetParam(), lTried);
 }
 

@@ -1,60 +1,46 @@
 #include "WorkstationTest.h"
 
-#include "WbemTestClient.h"
-
 #include "core/CNotificationHandler.h"
 
 using Microsoft::WRL::ComPtr;
 
 namespace {
 
-void CopyMofFiles(const std::wstring& wsFrom, const TempDir& to, const std::wstring& wsPrefix, const wchar_t* wszSkip)
+// Every .mof file of a folder but the change, which tests apply themselves.
+void CopyMofFiles(const std::wstring& wsFrom, const TempDir& to, const std::wstring& wsPrefix)
 {
     WIN32_FIND_DATAW fd;
     const HANDLE hFind = FindFirstFileW((wsFrom + L"\\*.mof").c_str(), &fd);
     ASSERT_NE(hFind, INVALID_HANDLE_VALUE) << Narrow(wsFrom);
     do {
-        if (wszSkip && _wcsicmp(fd.cFileName, wszSkip) == 0)
-            continue;
-        EXPECT_TRUE(CopyFileW((wsFrom + L"\\" + fd.cFileName).c_str(), to.File(wsPrefix + fd.cFileName).c_str(), FALSE))
-            << Narrow(fd.cFileName);
+        const std::wstring wsName = fd.cFileName;
+        EXPECT_TRUE(wsName == L"change.mof" ||
+                    CopyFileW((wsFrom + L"\\" + wsName).c_str(), to.File(wsPrefix + wsName).c_str(), FALSE))
+            << Narrow(wsName);
     } while (FindNextFileW(hFind, &fd));
     FindClose(hFind);
 }
 
 }  // namespace
 
-std::vector<ComPtr<IWbemClassObject>> ReturnedObjects(const CCVariant& value)
+WbemObjects ReturnedObjects(const CCVariant& value)
 {
-    std::vector<ComPtr<IWbemClassObject>> objects;
-    if (value.Type() != (VT_ARRAY | VT_VARIANT))
+    WbemObjects objects;
+    SAFEARRAY* psa = value.Type() == (VT_ARRAY | VT_VARIANT) ? V_ARRAY(&value.Get()) : nullptr;
+    VARIANT* pElements = nullptr;
+    if (!psa || FAILED(SafeArrayAccessData(psa, reinterpret_cast<void**>(&pElements))))
         return objects;
-    SAFEARRAY* psa = V_ARRAY(&value.Get());
-    LONG lLower = 0;
-    LONG lUpper = -1;
-    SafeArrayGetLBound(psa, 1, &lLower);
-    SafeArrayGetUBound(psa, 1, &lUpper);
-    for (LONG i = lLower; i <= lUpper; ++i) {
-        CCVariant element;
+    for (ULONG i = 0; i < psa->rgsabound[0].cElements; ++i) {
         ComPtr<IWbemClassObject> pObject;
-        if (SUCCEEDED(SafeArrayGetElement(psa, &i, element.Ptr())) && element.Type() == VT_UNKNOWN &&
-            V_UNKNOWN(&element.Get()))
-            V_UNKNOWN(&element.Get())
-                ->QueryInterface(IID_IWbemClassObject, reinterpret_cast<void**>(pObject.GetAddressOf()));
+        if (V_VT(&pElements[i]) == VT_UNKNOWN && V_UNKNOWN(&pElements[i]))
+            V_UNKNOWN(&pElements[i])->QueryInterface(IID_IWbemClassObject,
+                                                     reinterpret_cast<void**>(pObject.GetAddressOf()));
         EXPECT_TRUE(pObject) << "array element " << i << " is no object";
         if (pObject)
             objects.push_back(pObject);
     }
+    SafeArrayUnaccessData(psa);
     return objects;
-}
-
-bool CarriesNoPut(IWbemClassObject* pObject)
-{
-    ComPtr<IWbemQualifierSet> pQualifiers;
-    CCVariant value;
-    return SUCCEEDED(pObject->GetQualifierSet(pQualifiers.GetAddressOf())) &&
-           SUCCEEDED(pQualifiers->Get(L"NoPut", 0, value.GetAddress(), nullptr)) && value.Type() == VT_BOOL &&
-           V_BOOL(&value.Get()) != VARIANT_FALSE;
 }
 
 std::vector<ULONG> TableIds()
@@ -63,11 +49,6 @@ std::vector<ULONG> TableIds()
     for (const CNotificationHandler::KindEntry& entry : CNotificationHandler::KindTable())
         ids.push_back(entry.ulNotfyId);
     return ids;
-}
-
-std::string IdTestName(const testing::TestParamInfo<ULONG>& info)
-{
-    return "Id" + std::to_string(info.param);
 }
 
 void WorkstationTest::SetUp()
@@ -79,8 +60,8 @@ void WorkstationTest::SetUp()
     const DWORD cch = GetFullPathNameW(FixturePath(L"..\\..").c_str(), MAX_PATH, wszRoot, nullptr);
     ASSERT_TRUE(cch > 0 && cch < MAX_PATH);
     const std::wstring wsRoot = wszRoot;
-    ASSERT_NO_FATAL_FAILURE(CopyMofFiles(wsRoot + L"\\schema", m_folder, L"00_", nullptr));
-    ASSERT_NO_FATAL_FAILURE(CopyMofFiles(wsRoot + L"\\examples\\workstation", m_folder, L"", L"change.mof"));
+    ASSERT_NO_FATAL_FAILURE(CopyMofFiles(wsRoot + L"\\schema", m_folder, L"00_"));  // loaded first
+    ASSERT_NO_FATAL_FAILURE(CopyMofFiles(wsRoot + L"\\examples\\workstation", m_folder, L""));
     m_wsChange = wsRoot + L"\\examples\\workstation\\change.mof";
     ASSERT_TRUE(FileExists(m_wsChange));
 }
@@ -104,34 +85,31 @@ void WorkstationTest::LoadWorkstation()
 ComPtr<INotifications> WorkstationTest::InitializedHandler()
 {
     ComPtr<INotifications> pHandler;
-    EXPECT_EQ(m_pModule->CreateHandler(pHandler), S_OK);
-    if (!pHandler)
-        return pHandler;
     CCBstr bstrNamespace(kWorkstationEvents);
     ULONG ulReturn = 0;
-    EXPECT_EQ(pHandler->Initialize(bstrNamespace.Get(), &ulReturn), S_OK);
+    EXPECT_EQ(m_pModule->CreateHandler(pHandler), S_OK);
+    EXPECT_EQ(pHandler ? pHandler->Initialize(bstrNamespace.Get(), &ulReturn) : E_POINTER, S_OK);
     return pHandler;
 }
 
-void WorkstationTest::RunAgentCycle(ULONG ulId, INotifications* pHandler)
+void WorkstationTest::RunAgentCycle(ULONG ulId)
 {
-    ComPtr<INotifications> pOwn;
-    if (!pHandler) {
-        pOwn = InitializedHandler();
-        ASSERT_TRUE(pOwn);
-        pHandler = pOwn.Get();
-    }
+    const ComPtr<INotifications> pHandler = InitializedHandler();
     ComPtr<IWbemServices> pEvents;
+    ASSERT_TRUE(pHandler);
     ASSERT_EQ(ConnectWmi(kWorkstationEvents, pEvents), S_OK);
     CCVariant instances;
     ULONG ulReturn = 0;
-    if (SUCCEEDED(pHandler->GetInstances(ulId, instances.Ptr(), &ulReturn))) {
+    if (SUCCEEDED(pHandler->GetInstances(ulId, instances.Ptr(), &ulReturn)))
         for (const auto& pEvent : ReturnedObjects(instances)) {
-            if (!CarriesNoPut(pEvent.Get())) {
+            ComPtr<IWbemQualifierSet> pQualifiers;
+            CCVariant noPut;
+            if (FAILED(pEvent->GetQualifierSet(pQualifiers.GetAddressOf())) ||
+                FAILED(pQualifiers->Get(L"NoPut", 0, noPut.GetAddress(), nullptr)) || noPut.Type() != VT_BOOL ||
+                V_BOOL(&noPut.Get()) == VARIANT_FALSE) {
                 EXPECT_EQ(pEvents->PutInstance(pEvent.Get(), WBEM_FLAG_CREATE_OR_UPDATE, nullptr, nullptr), S_OK);
             }
         }
-    }
     pHandler->DeleteObsoleteInstances(ulId, &ulReturn);
 }
 

@@ -27,15 +27,14 @@ void CimStoreTest::LoadMof(const std::wstring& wsText, const wchar_t* wszNamespa
     ASSERT_EQ(hr, S_OK) << std::hex << hr << " " << Narrow(wszError);
 }
 
-std::wstring CimStoreTest::FixturePath(const std::wstring& wsRelativePath)
-{
-    const std::string sRoot = MORADEL_FIXTURES;
-    return std::wstring(sRoot.begin(), sRoot.end()) + L"\\" + wsRelativePath;
-}
-
 void CimStoreTest::LoadFixture(const std::wstring& wsRelativePath)
 {
     wchar_t wszError[1024] = {};
     const HRESULT hr = CimStoreLoadMofFile(FixturePath(wsRelativePath).c_str(), L"root\\default", wszError, 1024);
     ASSERT_EQ(hr, S_OK) << std::hex << hr << " " << Narrow(wszError);
+}
+
+std::wstring CimStoreTest::FixturePath(const std::wstring& wsRelativePath)
+{
+    return Widen(MORADEL_FIXTURES) + L"\\" + wsRelativePath;
 }

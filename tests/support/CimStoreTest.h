@@ -12,11 +12,9 @@ class CimStoreTest : public testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override;
-
     // Compiles MOF text into the repository; fails the test with the compiler's message.
     void LoadMof(const std::wstring& wsText, const wchar_t* wszNamespace = L"root\\default");
-    // A fixture file of tests/fixtures.
-    void LoadFixture(const std::wstring& wsRelativePath);
+    void LoadFixture(const std::wstring& wsRelativePath);  // a file of tests/fixtures
     static std::wstring FixturePath(const std::wstring& wsRelativePath);
 
     LONG m_lBaselineObjects = 0;

@@ -2,14 +2,11 @@
 
 #include <gtest/gtest.h>
 
-namespace {
-constexpr char kCommonKey[] = "SOFTWARE\\Tessaline Systems\\Common";
-}
-
 CommonKeyValues::CommonKeyValues() : m_hMutex(CreateMutexA(nullptr, FALSE, "MoradelTests_CommonKey"))
 {
     WaitForSingleObject(m_hMutex, INFINITE);
-    RegCreateKeyExA(HKEY_LOCAL_MACHINE, kCommonKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &m_hKey, nullptr);
+    RegCreateKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Tessaline Systems\\Common", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
+                    &m_hKey, nullptr);
     for (Saved& saved : m_saved) {
         DWORD cb = 0;
         if (RegQueryValueExA(m_hKey, saved.szName, nullptr, &saved.dwType, nullptr, &cb) == ERROR_SUCCESS) {
@@ -21,13 +18,12 @@ CommonKeyValues::CommonKeyValues() : m_hMutex(CreateMutexA(nullptr, FALSE, "Mora
 
 CommonKeyValues::~CommonKeyValues()
 {
-    for (const Saved& saved : m_saved) {
+    for (const Saved& saved : m_saved)
         if (saved.data)
             RegSetValueExA(m_hKey, saved.szName, 0, saved.dwType, reinterpret_cast<const BYTE*>(saved.data->data()),
                            static_cast<DWORD>(saved.data->size()));
         else
             RegDeleteValueA(m_hKey, saved.szName);
-    }
     RegCloseKey(m_hKey);
     ReleaseMutex(m_hMutex);
     CloseHandle(m_hMutex);

@@ -13,12 +13,11 @@ inline SIZE_T LiveHeapBytes()
     heaps.resize(GetProcessHeaps(static_cast<DWORD>(heaps.size()), heaps.data()));
     SIZE_T cbBusy = 0;
     for (HANDLE hHeap : heaps) {
+        PROCESS_HEAP_ENTRY entry{};
         if (!HeapLock(hHeap))
             continue;
-        PROCESS_HEAP_ENTRY entry{};
         while (HeapWalk(hHeap, &entry))
-            if (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY)
-                cbBusy += entry.cbData;
+            cbBusy += (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) ? entry.cbData : 0;
         HeapUnlock(hHeap);
     }
     return cbBusy;
@@ -26,11 +25,8 @@ inline SIZE_T LiveHeapBytes()
 
 inline DWORD OpenHandles()
 {
-    DWORD dwCount = 0;
-    for (ULONG_PTR u = 4; u < 0x10000; u += 4) {
-        DWORD dwFlags = 0;
-        if (GetHandleInformation(reinterpret_cast<HANDLE>(u), &dwFlags))
-            ++dwCount;
-    }
+    DWORD dwCount = 0, dwFlags = 0;
+    for (ULONG_PTR u = 4; u < 0x10000; u += 4)
+        dwCount += GetHandleInformation(reinterpret_cast<HANDLE>(u), &dwFlags) ? 1 : 0;
     return dwCount;
 }

@@ -3,27 +3,24 @@
 #include <windows.h>
 
 #include <atomic>
-#include <cstdio>
 
 namespace {
 
 void RemoveTree(const std::wstring& wsDir)
 {
     WIN32_FIND_DATAW fd;
-    HANDLE hFind = FindFirstFileW((wsDir + L"\\*").c_str(), &fd);
-    if (hFind != INVALID_HANDLE_VALUE) {
-        do {
-            const std::wstring wsName = fd.cFileName;
-            if (wsName == L"." || wsName == L"..")
-                continue;
-            const std::wstring wsPath = wsDir + L"\\" + wsName;
-            if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-                RemoveTree(wsPath);
-            else
-                DeleteFileW(wsPath.c_str());
-        } while (FindNextFileW(hFind, &fd));
-        FindClose(hFind);
+    const HANDLE hFind = FindFirstFileW((wsDir + L"\\*").c_str(), &fd);
+    for (bool bMore = hFind != INVALID_HANDLE_VALUE; bMore; bMore = FindNextFileW(hFind, &fd)) {
+        const std::wstring wsName = fd.cFileName;
+        if (wsName == L"." || wsName == L"..")
+            continue;
+        if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
+            RemoveTree(wsDir + L"\\" + wsName);
+        else
+            DeleteFileW((wsDir + L"\\" + wsName).c_str());
     }
+    if (hFind != INVALID_HANDLE_VALUE)
+        FindClose(hFind);
     RemoveDirectoryW(wsDir.c_str());
 }
 
@@ -34,9 +31,8 @@ TempDir::TempDir()
     static std::atomic<unsigned> s_uCounter{0};
     wchar_t wszTemp[MAX_PATH];
     GetTempPathW(MAX_PATH, wszTemp);
-    wchar_t wszName[64];
-    swprintf(wszName, 64, L"moradel_%lu_%u_%lu", GetCurrentProcessId(), s_uCounter++, GetTickCount());
-    m_wsPath = std::wstring(wszTemp) + wszName;
+    m_wsPath = std::wstring(wszTemp) + L"moradel_" + std::to_wstring(GetCurrentProcessId()) + L"_" +
+               std::to_wstring(s_uCounter++) + L"_" + std::to_wstring(GetTickCount());
     CreateDirectoryW(m_wsPath.c_str(), nullptr);
 }
 

@@ -18,5 +18,5 @@ private:
 };
 
 bool FileExists(const std::wstring& wsPath);
-std::string Narrow(const std::wstring& ws);
+std::string Narrow(const std::wstring& ws);  // non-ASCII characters become '?'
 std::wstring Widen(const std::string& s);

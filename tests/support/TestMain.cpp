@@ -8,19 +8,15 @@
 
 namespace {
 
-class HeapCheckListener : public testing::EmptyTestEventListener {
-public:
+struct HeapCheckListener : testing::EmptyTestEventListener {
     void OnTestEnd(const testing::TestInfo& info) override
     {
         if (!HeapValidate(GetProcessHeap(), 0, nullptr)) {
             fprintf(stderr, "heap damaged after %s.%s\n", info.test_suite_name(), info.name());
-            m_bDamaged = true;
+            bDamaged = true;
         }
     }
-    bool Damaged() const { return m_bDamaged; }
-
-private:
-    bool m_bDamaged = false;
+    bool bDamaged = false;
 };
 
 }  // namespace
@@ -28,8 +24,8 @@ private:
 int main(int argc, char** argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    auto* pListener = new HeapCheckListener;
+    auto* pListener = new HeapCheckListener;  // owned by the listener list
     testing::UnitTest::GetInstance()->listeners().Append(pListener);
     const int iResult = RUN_ALL_TESTS();
-    return pListener->Damaged() ? 1 : iResult;
+    return pListener->bDamaged ? 1 : iResult;
 }

@@ -10,5 +10,6 @@ struct TraceFileContent {
     std::vector<std::wstring> lines;  // split at CR LF, without the line ends
 };
 
-TraceFileContent ReadTraceFile(const std::wstring& wsPath);
+// Reads from byte uOffset on; a byte-order mark is looked for only where reading starts.
+TraceFileContent ReadTraceFile(const std::wstring& wsPath, size_t uOffset = 0);
 std::vector<std::string> SplitFields(const std::wstring& wsLine);

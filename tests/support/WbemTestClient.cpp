@@ -22,20 +22,13 @@ HRESULT QueryAll(IWbemServices* pServices, const std::wstring& wsQuery, WbemObje
     ComPtr<IEnumWbemClassObject> pEnum;
     HRESULT hr = pServices->ExecQuery(bstrLanguage.Get(), bstrQuery.Get(), WBEM_FLAG_FORWARD_ONLY, nullptr,
                                       pEnum.GetAddressOf());
-    if (FAILED(hr))
-        return hr;
-    for (;;) {
-        IWbemClassObject* pObject = nullptr;
-        ULONG uReturned = 0;
-        hr = pEnum->Next(WBEM_INFINITE, 1, &pObject, &uReturned);
-        if (FAILED(hr))
-            return hr;
-        if (uReturned == 0)
-            return S_OK;
-        ComPtr<IWbemClassObject> pOwned;
-        TakeOwnership(pOwned, pObject);
-        out.push_back(pOwned);
+    for (ULONG uReturned = 1; SUCCEEDED(hr) && uReturned == 1;) {
+        ComPtr<IWbemClassObject> pObject;
+        hr = pEnum->Next(WBEM_INFINITE, 1, pObject.GetAddressOf(), &uReturned);
+        if (pObject)
+            out.push_back(pObject);
     }
+    return FAILED(hr) ? hr : S_OK;
 }
 
 HRESULT GetObjectByPath(IWbemServices* pServices, const std::wstring& wsPath, ComPtr<IWbemClassObject>& pObject)
@@ -51,10 +44,7 @@ std::wstring PropertyText(IWbemClassObject* pObject, const wchar_t* wszName)
         return L"<error>";
     if (value.Type() == VT_NULL || value.Type() == VT_EMPTY)
         return L"";
-    if (value.Type() == VT_BSTR)
-        return V_BSTR(&value.Get()) ? V_BSTR(&value.Get()) : L"";
-    CCVariant text;
-    if (FAILED(VariantChangeType(text.GetAddress(), value.Ptr(), 0, VT_BSTR)))
+    if (value.Type() != VT_BSTR && FAILED(VariantChangeType(value.Ptr(), value.Ptr(), 0, VT_BSTR)))
         return L"<unprintable>";
-    return V_BSTR(&text.Get());
+    return V_BSTR(&value.Get()) ? V_BSTR(&value.Get()) : L"";
 }
