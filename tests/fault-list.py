@@ -46,10 +46,10 @@ err-row-text  src/access/WmiErrorTexts.cpp  ^ErrorText\.
   # the text of 0x80041002 is reworded
   - {0x80041002, "The object could not be found."},
   + {0x80041002, "The object was not found."},
-err-win32-low-word  src/access/ErrorText.cpp  ^ErrorText\.
-  # a Win32 HRESULT is looked up whole instead of by its error number
-  - bFound = text.Lookup(ulCode & 0xFFFF, nullptr, false);
-  + bFound = text.Lookup(ulCode, nullptr, false);
+err-unknown-text  src/access/ErrorText.cpp  ^ErrorText\.
+  # a code in no table answers another text than "unknown"
+  - CopyBounded(s_szResult, pRow->ulCode != 0 ? pRow->szText : "unknown", kResultSize - 1);
+  + CopyBounded(s_szResult, pRow->ulCode != 0 ? pRow->szText : "unknown error", kResultSize - 1);
 acc-assoc-query  src/access/CCWMIAccess.cpp  ^WmiAccessTest\.
   # the association walk filters on AssocClass instead of ResultClass
   - "} WHERE ResultClass = " + m_szResultClass;

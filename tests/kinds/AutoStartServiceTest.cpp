@@ -1,10 +1,12 @@
-// The autostart (id 62) and service (id 61) kinds over agent cycles, and the autostart exclude list.
-#include "KindScenario.h"
+// The autostart (id 62) and service (id 61) kinds over agent cycles, their list comparison (which
+// entries count as equal, with duplicates and filtered entries on either side) and the exclude list.
+#include "KindTestSupport.h"
 
 #include "GlobalTraceLog.h"
 #include "TestRegistryKey.h"
 #include "notifications/inventory/CNotfyAutoStartMonitoring.h"
 #include "notifications/inventory/CNotfyServiceMonitoring.h"
+#include "notifications/inventory/ListComparison.h"
 
 #include <cstring>
 
@@ -16,9 +18,43 @@ constexpr wchar_t kAlice[] = L"WS-0815\\alice";
 constexpr wchar_t kBob[] = L"WS-0815\\bob";
 constexpr wchar_t kCimv2[] = L"root\\cimv2";
 
-class AutoStartServiceTest : public KindScenario {
+CEntryFilter FilterOf(const std::set<size_t>& filtered)
+{
+    return [&filtered](size_t u) { return filtered.count(u) != 0; };
+}
+
+TEST(ListComparison, EntriesAreEqualIgnoringTheCaseOfAToZOnly)
+{
+    const struct { const char* szCase; Texts current, old; std::set<size_t> newOut, oldOut;
+                   std::vector<size_t> added, removed; } cases[] = {
+        {"case-only change", {L"C:\\Apps\\Tool.exe /Start"}, {L"c:\\apps\\TOOL.EXE /start"}, {}, {}, {}, {}},
+        {"A and Z are folded too", {L"Azure.exe /A"}, {L"aZURE.EXE /a"}, {}, {}, {}, {}},
+        {"other letters keep their case", {L"\u00C4rger.exe"}, {L"\u00E4rger.exe"}, {}, {}, {0}, {0}},
+        {"folding is no bit trick", {L"a[1]@"}, {L"A{1}`"}, {}, {}, {0}, {0}},
+        {"changed text", {L"a.exe", L"b.exe /x"}, {L"a.exe", L"b.exe"}, {}, {}, {1}, {1}},
+        {"duplicates against one", {L"x", L"X"}, {L"x"}, {}, {}, {}, {}},
+        {"duplicates each unmatched", {L"n", L"y", L"n"}, {L"y", L"o", L"O"}, {}, {}, {0, 2}, {1, 2}},
+        {"filtered on both sides", {L"keep", L"skip-new"}, {L"gone", L"skip-old"}, {1}, {1}, {0}, {0}},
+        {"filtered entries still match", {L"a", L"b"}, {L"A", L"B"}, {0}, {1}, {}, {}},
+        {"both empty", {}, {}, {}, {}, {}, {}},
+        {"nothing before", {L"a", L""}, {}, {}, {}, {0, 1}, {}},
+        {"nothing now", {}, {L"a"}, {}, {}, {}, {0}},
+        {"empty text equals empty text", {L""}, {L""}, {}, {}, {}, {}},
+    };
+    for (const auto& c : cases) {
+        const CListChanges changes = CompareLists(c.current, c.old, FilterOf(c.newOut), FilterOf(c.oldOut));
+        EXPECT_EQ(changes.added, c.added) << c.szCase;
+        EXPECT_EQ(changes.removed, c.removed) << c.szCase;
+        EXPECT_EQ(changes.Empty(), c.added.empty() && c.removed.empty()) << c.szCase;
+    }
+    EXPECT_EQ(FormatEntries({}, {L"a"}), L"--");
+    const std::vector<long> types = {1, 2, 3};
+    EXPECT_EQ(FormatEntries({0, 2}, {L"a", L"b", L"c"}, &types), L"a [1], c [3]");
+}
+
+class AutoStartServiceTest : public KindTest {
 protected:
-    AutoStartServiceTest() : KindScenario({L"..\\..\\schema\\KM_Inventory.mof"}) {}
+    AutoStartServiceTest() : KindTest({L"..\\..\\schema\\KM_Inventory.mof"}) {}
     // The one event of a service cycle: the captions as they stand, or the list changed by these arguments.
     Events Services(const Texts& changes, const char* szStep)
     {
@@ -40,11 +76,11 @@ TEST_F(AutoStartServiceTest, AutoStartReportsAddedAndRemovedEntriesPerUser)
     for (const char* szStep : {"first cycle", "unchanged cycle"}) {
         Events events = Cycle<CNotfyAutoStartMonitoring>(L"User");
         ExpectEvents(events, {{kAlice, 1, 62001, 3, false, {kAlice}}, {kBob, 1, 62001, 3, false, {kBob}}}, szStep);
-        ASSERT_TRUE(events.count(kAlice) && events.count(kBob)) << szStep;
-        EXPECT_EQ(GetI4(events[kAlice].pEvent.Get(), L"DeviceId"), 1);
-        EXPECT_EQ(GetI4(events[kBob].pEvent.Get(), L"DeviceId"), 2);
-        EXPECT_EQ(GetTexts(events[kBob].pEvent.Get(), L"AppName"), (Texts{L"OneDrive", L"Greenshot"}));
-        EXPECT_EQ(GetTexts(events[kBob].pEvent.Get(), L"Location").back(),
+        IWbemClassObject* pBob = events.at(kBob).pEvent.Get();
+        EXPECT_EQ(std::make_pair(GetI4(events.at(kAlice).pEvent.Get(), L"DeviceId"), GetI4(pBob, L"DeviceId")),
+                  std::make_pair(1L, 2L));
+        EXPECT_EQ(GetTexts(pBob, L"AppName"), (Texts{L"OneDrive", L"Greenshot"}));
+        EXPECT_EQ(GetTexts(pBob, L"Location").back(),
                   L"C:\\Users\\bob\\AppData\\Roaming\\Microsoft\\Windows\\Start Menu\\Programs\\Startup");
     }
     // Skype removed, Slack added; a case-only change and the filtered Teams entry are no change. Bob is gone.
@@ -59,10 +95,9 @@ TEST_F(AutoStartServiceTest, AutoStartReportsAddedAndRemovedEntriesPerUser)
     const size_t uMark = GlobalTraceLog::Get().Mark();
     Events faulty = Cycle<CNotfyAutoStartMonitoring>(L"User");
     ExpectEvents(faulty, {{kBob, 1, 62001, 3, false, {kBob}}}, "failing user");
-    ASSERT_EQ(faulty.count(kBob), 1u);
-    EXPECT_EQ(GetI4(faulty[kBob].pEvent.Get(), L"DeviceId"), 1) << "a user that failed uses no number";
-    EXPECT_TRUE(
-        GlobalTraceLog::Get().Contains(uMark, "Rasing exception because error getting 'LocationType' property"));
+    EXPECT_EQ(GetI4(faulty.at(kBob).pEvent.Get(), L"DeviceId"), 1) << "a user that failed uses no number";
+    EXPECT_TRUE(GlobalTraceLog::Get().Contains(uMark, "Rasing exception because error getting 'LocationType' "
+                                                      "property"));
 }
 
 TEST_F(AutoStartServiceTest, ExcludeListFiltersByPlainSubstring)
@@ -100,11 +135,9 @@ TEST_F(AutoStartServiceTest, ServicesReportInstalledAndRemovedCaptionsOnce)
     ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\services\\services.mof"));
     const std::wstring wsZone = L"instance of Win32_Service { Name = \"Zs\"; Caption = \"";
     ASSERT_NO_FATAL_FAILURE(LoadMof(wsZone + L"Zone\"; };", kCimv2));
-    Events first = Services({}, "first");
-    ASSERT_EQ(first.count(L"1"), 1u);
-    EXPECT_EQ(GetTexts(first[L"1"].pEvent.Get(), L"ServiceName"), (Texts{L"Windows Audio", L"DHCP Client",
-              L"Print Spooler", L"Windows Defender Antivirus Service", L"Zone"}));
-    Services({}, "unchanged");
+    EXPECT_EQ(GetTexts(Services({}, "first").at(L"1").pEvent.Get(), L"ServiceName"),
+              (Texts{L"Windows Audio", L"DHCP Client", L"Print Spooler", L"Windows Defender Antivirus Service",
+                     L"Zone"}));
     // A new service and a renamed one; the DHCP and Zone captions changed case only (Z folds like A to Y).
     ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\services\\changed.mof"));
     ASSERT_NO_FATAL_FAILURE(LoadMof(wsZone + L"zone\"; };", kCimv2));

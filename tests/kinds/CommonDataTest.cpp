@@ -6,7 +6,6 @@
 #include "KindTestSupport.h"
 
 #include "GlobalTraceLog.h"
-#include "TempDir.h"
 #include "core/CNotificationModify.h"
 
 #include <cstdio>
@@ -26,9 +25,7 @@ struct PlatformOverride {
 DWORD WINAPI StandardTimeWithItsOwnBias(LPTIME_ZONE_INFORMATION ptzi)
 {
     *ptzi = {};
-    ptzi->Bias = 300;
-    ptzi->StandardBias = 15;
-    ptzi->DaylightBias = -60;
+    ptzi->Bias = 300, ptzi->StandardBias = 15, ptzi->DaylightBias = -60;
     return TIME_ZONE_ID_STANDARD;
 }
 
@@ -62,8 +59,7 @@ TEST_F(CommonDataTest, EventTimeIsLocalWithTheZoneOffset)
     CNotfyTestKind kind;
     ASSERT_EQ(InitKind(kind), S_OK);
     ASSERT_NO_FATAL_FAILURE(NewEvent(kind, 1));
-    SYSTEMTIME before = {};
-    SYSTEMTIME after = {};
+    SYSTEMTIME before = {}, after = {};
     GetLocalTime(&before);
     EXPECT_EQ(kind.SetCommonData(), S_OK);
     GetLocalTime(&after);
@@ -78,38 +74,30 @@ TEST_F(CommonDataTest, EventTimeIsLocalWithTheZoneOffset)
 TEST_F(CommonDataTest, EveryEventCarriesTheMachineAndItsOwnUuid)
 {
     char szName[MAX_COMPUTERNAME_LENGTH + 1] = {};
-    DWORD cchName = sizeof(szName);
-    ASSERT_TRUE(GetComputerNameA(szName, &cchName));
+    DWORD cchName = sizeof(szName), cchDns = 256;
     wchar_t wszDns[256] = {};
-    DWORD cchDns = 256;
+    ASSERT_TRUE(GetComputerNameA(szName, &cchName));
     ASSERT_TRUE(GetComputerNameExW(ComputerNameDnsFullyQualified, wszDns, &cchDns));
-    std::set<ULONG> addresses;
+    std::set<std::string> addresses;
     WSADATA wsa = {};
     ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &wsa), 0);
-    addrinfo hints = {};
+    addrinfo hints = {}, *pList = nullptr;
     hints.ai_family = AF_INET;
-    addrinfo* pList = nullptr;
     ASSERT_EQ(getaddrinfo(szName, nullptr, &hints, &pList), 0);
     for (const addrinfo* p = pList; p; p = p->ai_next)
-        addresses.insert(reinterpret_cast<const sockaddr_in*>(p->ai_addr)->sin_addr.s_addr);
+        addresses.insert(inet_ntoa(reinterpret_cast<const sockaddr_in*>(p->ai_addr)->sin_addr));
     freeaddrinfo(pList);
     WSACleanup();
-
-    CNotfyTestKind kind;
-    CNotfyTestKind deleter;
-    kind.m_items = {{1, 1, nullptr}, {2, 1, nullptr}, {3, 1, nullptr}};
+    CNotfyTestKind kind, deleter;
+    kind.m_items = {1, 2, 3};
     const CycleResult result = RunAgentCycle(kind, deleter);  // checks the EventId too
     ASSERT_EQ(result.events.size(), 3u);
-    std::set<std::wstring> uuids;
-    std::set<std::wstring> times;
+    std::set<std::wstring> uuids, times;
     for (const CycleEvent& event : result.events) {
         IWbemClassObject* pEvent = event.pEvent.Get();
         EXPECT_EQ(Narrow(GetText(pEvent, L"MachineName")), szName);
         EXPECT_EQ(GetText(pEvent, L"DNSName"), wszDns);
-        const std::string sAddress = Narrow(GetText(pEvent, L"IPAddresse"));
-        IN_ADDR address = {};
-        ASSERT_EQ(inet_pton(AF_INET, sAddress.c_str(), &address), 1) << sAddress;
-        EXPECT_EQ(addresses.count(address.s_addr), 1u) << sAddress << " is no address of " << szName;
+        EXPECT_EQ(addresses.count(Narrow(GetText(pEvent, L"IPAddresse"))), 1u) << "no address of " << szName;
         const std::wstring wsUuid = GetText(pEvent, L"UUID");
         CLSID parsed = {};
         EXPECT_EQ(wsUuid.size(), 38u) << Narrow(wsUuid);
@@ -125,15 +113,10 @@ TEST_F(CommonDataTest, EveryEventCarriesTheMachineAndItsOwnUuid)
 TEST_F(CommonDataTest, FailingStepEndsTheCommonData)
 {
     LoadMof(L"class KM_Bare_Static { [Key] sint32 DeviceId; };", L"root\\oxl1v2\\KM_Notification");
-    const struct {
-        const char* szClass;
-        decltype(CCommonDataPlatform::pfnGetComputerNameExW) pfnDnsName;    // null: the system's
-        decltype(CCommonDataPlatform::pfnGetComputerNameForIp) pfnIpName;  // null: the system's
-        HRESULT hr;
-        const char* szWritten;  // M, D, U, I: MachineName, DNSName, UUID, IPAddresse set
-        const char* szTraced;
-        const char* szFormatted;
-    } cases[] = {
+    // pfn null: the system's; szWritten: M, D, U, I for MachineName, DNSName, UUID, IPAddresse set.
+    const struct { const char* szClass; decltype(CCommonDataPlatform::pfnGetComputerNameExW) pfnDnsName;
+                   decltype(CCommonDataPlatform::pfnGetComputerNameForIp) pfnIpName; HRESULT hr;
+                   const char *szWritten, *szTraced, *szFormatted; } cases[] = {
         {"KM_Bare_Static", nullptr, nullptr, HRESULT(WBEM_E_NOT_FOUND), "----",
          "Raising exception because SetProperty on 'EventId' failed...", nullptr},
         {"KM_TestKind_Static", NoDnsName, nullptr, HRESULT(WBEM_E_UNEXPECTED), "M---", "Error getting DNS Name",
@@ -174,12 +157,9 @@ TEST_F(CommonDataTest, ConcurrentEventsAllGetAnAddress)
             for (int i = 0; i < kEvents; ++i) {
                 CCWMIAccess access;
                 access = static_cast<IWbemServices*>(*m_pEvents);
-                if (FAILED(access.NewInstance("KM_TestKind_Static"))) {
-                    results[t].push_back(E_UNEXPECTED);
-                    continue;
-                }
                 CNotificationModify modify;
-                results[t].push_back(modify.CompleteInstance(access));
+                HRESULT hr = access.NewInstance("KM_TestKind_Static");
+                results[t].push_back(SUCCEEDED(hr) ? modify.CompleteInstance(access) : hr);
                 addresses[t].push_back(GetText(access, L"IPAddresse"));
             }
         });

@@ -1,20 +1,17 @@
 #include "KindTestSupport.h"
 
 #include "GlobalTraceLog.h"
-
 #include "access/ComHolders.h"
 
-namespace {
+#include <tuple>
 
-HRESULT PutI4(CCWMIAccess& access, const char* szProperty, LONG lValue)
+static HRESULT PutI4(CCWMIAccess& access, const char* szProperty, LONG lValue)
 {
     CCVariant value;
     V_VT(value.Ptr()) = VT_I4;
     V_I4(value.Ptr()) = lValue;
     return access.SetProperty(szProperty, value.Ptr());
 }
-
-}  // namespace
 
 CNotfyTestKind::CNotfyTestKind(unsigned long ulNotfyId)
 {
@@ -27,24 +24,10 @@ HRESULT CNotfyTestKind::RetrieveInstances()
 {
     ++m_iRetrieveCalls;
     // Like every kind: the first failing step ends the item, and the others go on.
-    for (const Item& item : m_items) {
-        CCVariant object;
-        if (item.szObject)
-            object.SetText(std::wstring(item.szObject, item.szObject + strlen(item.szObject)).c_str());
-        HRESULT hr = m_wmi.NewInstance(m_sEventClassName.c_str());
-        if (SUCCEEDED(hr))
-            hr = PutI4(m_wmi, "DeviceId", item.lDeviceId);
-        if (SUCCEEDED(hr) && item.szObject)
-            hr = m_wmi.SetProperty("Object", object.Ptr());
-        if (SUCCEEDED(hr))
-            hr = PutI4(m_wmi, "EventStatus", static_cast<LONG>(item.ulStatus));
-        if (SUCCEEDED(hr))
-            hr = SetEventType(item.ulStatus);
-        if (SUCCEEDED(hr))
-            hr = SetCommonData();
-        if (SUCCEEDED(hr))
+    for (const LONG lDeviceId : m_items)
+        if (SUCCEEDED(m_wmi.NewInstance(m_sEventClassName.c_str())) && SUCCEEDED(PutI4(m_wmi, "DeviceId", lDeviceId)) &&
+            SUCCEEDED(PutI4(m_wmi, "EventStatus", 1)) && SUCCEEDED(SetEventType(1)) && SUCCEEDED(SetCommonData()))
             AddToList();
-    }
     if (m_iFailingRetrievals > 0) {
         --m_iFailingRetrievals;
         return E_FAIL;
@@ -54,10 +37,7 @@ HRESULT CNotfyTestKind::RetrieveInstances()
 
 bool CNotfyTestKind::IsInstanceObsolete(CCWMIAccess& stored, CCWMIAccess&)
 {
-    CCVariant deviceId;
-    if (FAILED(stored.GetProperty("DeviceId", deviceId.GetAddress(), false, 0)) || deviceId.Type() != VT_I4)
-        return false;
-    return m_obsoleteIds.count(V_I4(&deviceId.Get())) != 0;
+    return m_obsoleteIds.count(GetI4(stored, L"DeviceId")) != 0;
 }
 
 void KindTest::SetUp()
@@ -67,6 +47,8 @@ void KindTest::SetUp()
     ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\test_kind.mof"));
     m_pEvents = std::make_unique<CCWMIAccess>();
     ASSERT_EQ(m_pEvents->ConnectToNamespace(kEventNamespace, -1, nullptr), S_OK);
+    for (const std::wstring& wsFixture : m_fixtures)
+        ASSERT_NO_FATAL_FAILURE(LoadFixture(wsFixture));
 }
 
 void KindTest::TearDown()
@@ -85,17 +67,6 @@ void KindTest::NewEvent(CNotfyTestKind& kind, LONG lDeviceId, const char* szClas
 {
     ASSERT_EQ(kind.Access().NewInstance(szClass), S_OK);
     ASSERT_EQ(PutI4(kind.Access(), "DeviceId", lDeviceId), S_OK);
-}
-
-std::set<LONG> KindTest::StoredDeviceIds()
-{
-    std::set<LONG> ids;
-    CCWMIAccess access;
-    access = static_cast<IWbemServices*>(*m_pEvents);
-    for (HRESULT hr = access.GetClassInstances("KM_TestKind_Static", 0); SUCCEEDED(hr);
-         hr = access.GetNextWMIInstanceInEnumerator())
-        ids.insert(GetI4(access, L"DeviceId"));
-    return ids;
 }
 
 LONG GetI4(IWbemClassObject* pObject, const wchar_t* wszProperty, VARTYPE* pvt)
@@ -122,8 +93,7 @@ std::vector<std::wstring> GetTexts(IWbemClassObject* pObject, const wchar_t* wsz
         value.Type() != (VT_ARRAY | VT_BSTR))
         return {L"<none>"};
     SAFEARRAY* psa = V_ARRAY(value.Ptr());
-    LONG lLower = 0;
-    LONG lUpper = -1;
+    LONG lLower = 0, lUpper = -1;
     SafeArrayGetLBound(psa, 1, &lLower);
     SafeArrayGetUBound(psa, 1, &lUpper);
     std::vector<std::wstring> texts;
@@ -163,20 +133,14 @@ CycleResult KindTest::RunAgentCycle(CNotfyBase& getter, CNotfyBase& deleter)
         EXPECT_EQ(getter.GetInstances(pointers.data(), &ulCount), NOTFY_S_UNCHANGED);
     }
     for (IWbemClassObject* pRaw : pointers) {
-        CycleEvent event;
+        IWbemClassObject* pEvent = pRaw;
+        CycleEvent event = {nullptr, GetI4(pEvent, L"EventStatus"), GetI4(pEvent, L"EventTextId"),
+                            GetI4(pEvent, L"EventType"), HasNoPut(pEvent), GetTexts(pEvent, L"EventTextArguments")};
         TakeOwnership(event.pEvent, pRaw);
-        IWbemClassObject* pEvent = event.pEvent.Get();
-        event.lStatus = GetI4(pEvent, L"EventStatus");
-        event.lTextId = GetI4(pEvent, L"EventTextId");
-        event.lType = GetI4(pEvent, L"EventType");
-        event.bNoPut = HasNoPut(pEvent);
-        event.arguments = GetTexts(pEvent, L"EventTextArguments");
         EXPECT_EQ(GetI4(pEvent, L"EventId"), static_cast<LONG>(getter.GetNotfyId()));
-        if (!event.bNoPut) {
-            EXPECT_EQ(static_cast<IWbemServices*>(*m_pEvents)
-                          ->PutInstance(pEvent, WBEM_FLAG_CREATE_OR_UPDATE, nullptr, nullptr),
-                      S_OK);
-        }
+        IWbemServices* pServices = *m_pEvents;
+        EXPECT_EQ(event.bNoPut ? S_OK : pServices->PutInstance(pEvent, WBEM_FLAG_CREATE_OR_UPDATE, nullptr, nullptr),
+                  S_OK);
         result.events.push_back(std::move(event));
     }
     EXPECT_EQ(InitKind(deleter), S_OK);
@@ -190,14 +154,39 @@ std::set<std::wstring> KindTest::StoredTexts(const char* szClass, const wchar_t*
     CCWMIAccess access;
     access = static_cast<IWbemServices*>(*m_pEvents);
     for (HRESULT hr = access.GetClassInstances(szClass, 0); SUCCEEDED(hr); hr = access.GetNextWMIInstanceInEnumerator())
-        texts.insert(GetText(access, wszProperty));
+        texts.insert(KeyText(access, wszProperty));
     return texts;
 }
 
-std::map<std::wstring, CycleEvent> EventsBy(std::vector<CycleEvent> events, const wchar_t* wszKey)
+std::wstring KeyText(IWbemClassObject* pObject, const wchar_t* wszProperty)
 {
-    std::map<std::wstring, CycleEvent> byKey;
-    for (CycleEvent& event : events)
-        byKey[GetText(event.pEvent.Get(), wszKey)] = std::move(event);
-    return byKey;
+    VARTYPE vt = VT_EMPTY;
+    const LONG l = GetI4(pObject, wszProperty, &vt);
+    return vt == VT_I4 ? std::to_wstring(l) : GetText(pObject, wszProperty);
+}
+
+Events ByKey(CycleResult result, const wchar_t* wszKey)
+{
+    Events events;
+    for (CycleEvent& event : result.events) {
+        const std::wstring wsKey = KeyText(event.pEvent.Get(), wszKey);
+        events[events.count(wsKey) ? wsKey + L"#2" : wsKey] = std::move(event);
+    }
+    return events;
+}
+
+void ExpectEvents(const Events& events, const std::vector<Want>& wants, const std::string& sWhere)
+{
+    EXPECT_EQ(events.size(), wants.size()) << sWhere;
+    for (const Want& w : wants) {
+        const auto it = events.find(w.wsKey);
+        if (it == events.end()) {
+            ADD_FAILURE() << sWhere << " " << Narrow(w.wsKey) << ": missing";
+            continue;
+        }
+        const CycleEvent& e = it->second;
+        EXPECT_EQ(std::make_tuple(e.lStatus, e.lTextId, e.lType, e.bNoPut, e.arguments),
+                  std::make_tuple(w.lStatus, w.lTextId, w.lType, w.bNoPut, w.arguments))
+            << sWhere << " " << Narrow(w.wsKey);
+    }
 }

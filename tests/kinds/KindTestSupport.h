@@ -1,8 +1,9 @@
-// A small notification kind driven by a script of items, and a fixture that loads the event
-// namespace schema and holds a connection to it.
+// A small notification kind driven by a script of items, a fixture that loads the event namespace
+// schema and holds a connection to it, and agent cycles with their events by a key property.
 #pragma once
 
 #include "CimStoreTest.h"
+#include "TempDir.h"
 
 #include "access/CCWMIAccess.h"
 #include "core/CNotfyBase.h"
@@ -21,57 +22,61 @@ inline constexpr unsigned long kTestKindId = 90;
 
 class CNotfyTestKind : public CNotfyBase {
 public:
-    struct Item {
-        LONG lDeviceId;
-        unsigned long ulStatus;
-        const char* szObject;  // null: Object stays unset
-    };
-
     explicit CNotfyTestKind(unsigned long ulNotfyId = kTestKindId);
-
     HRESULT RetrieveInstances() override;
     bool IsSupported() override { return m_bSupported; }
     bool IsInstanceObsolete(CCWMIAccess& stored, CCWMIAccess& live) override;
-
     CCWMIAccess& Access() { return m_wmi; }
     void SetReferencedNamespace(const char* sz) { m_sReferencedNamespace = sz; }
-
-    std::vector<Item> m_items;
+    std::vector<LONG> m_items;  // DeviceIds of items in status 1 without an Object
     bool m_bSupported = true;
-    int m_iFailingRetrievals = 0;  // so many retrievals list their items and then fail
-    int m_iRetrieveCalls = 0;
+    int m_iFailingRetrievals = 0, m_iRetrieveCalls = 0;  // so many retrievals list their items and then fail
     std::set<LONG> m_obsoleteIds;  // IsInstanceObsolete answers true for these stored DeviceIds
 };
 
 // What an agent cycle saw of one event; the object stays for reading further properties.
 struct CycleEvent {
     Microsoft::WRL::ComPtr<IWbemClassObject> pEvent;
-    LONG lStatus = -1;
-    LONG lTextId = -1;
-    LONG lType = -1;
+    LONG lStatus = -1, lTextId = -1, lType = -1;
     bool bNoPut = false;
     std::vector<std::wstring> arguments;  // {L"<none>"} when EventTextArguments is not set
 };
 
-struct CycleResult {
-    HRESULT hrGet = E_FAIL;
-    std::vector<CycleEvent> events;  // in the kind's order
-    HRESULT hrDelete = E_FAIL;
-};
+// The events in the kind's order.
+struct CycleResult { HRESULT hrGet = E_FAIL; std::vector<CycleEvent> events; HRESULT hrDelete = E_FAIL; };
+using Texts = std::vector<std::wstring>;
+using Events = std::map<std::wstring, CycleEvent>;
+// One expected event: its key, what the agent sees, its arguments ({L"<none>"}: not set).
+struct Want { std::wstring wsKey; LONG lStatus, lTextId, lType; bool bNoPut; Texts arguments = {L"<none>"}; };
 
+// The events by a key property (an integer as decimal text); a second one with the same key as "<key>#2".
+Events ByKey(CycleResult result, const wchar_t* wszKey);
+// Exactly the wanted events, each compared as (status, text id, type, NoPut, arguments).
+void ExpectEvents(const Events& events, const std::vector<Want>& wants, const std::string& sWhere);
+
+// A kind test whose schema and machine come from these fixture files besides the event schema.
 class KindTest : public CimStoreTest {
 protected:
+    explicit KindTest(std::vector<std::wstring> fixtures = {}) : m_fixtures(std::move(fixtures)) {}
     // One agent cycle, each request on a fresh kind object as the handler does: GetInstances,
     // PutInstance of every event without NoPut, then DeleteObsoleteInstances.
     template <class Kind>
     CycleResult RunAgentCycle()
     {
-        Kind getter;
-        Kind deleter;
+        Kind getter, deleter;
         return RunAgentCycle(getter, deleter);
     }
     CycleResult RunAgentCycle(CNotfyBase& getter, CNotfyBase& deleter);
-    // The values of one text property over the stored instances of szClass.
+    // One agent cycle whose requests answer hrGet and S_OK, its events by wszKey.
+    template <class Kind>
+    Events Cycle(const wchar_t* wszKey, HRESULT hrGet = S_OK)
+    {
+        CycleResult result = RunAgentCycle<Kind>();
+        EXPECT_EQ(result.hrGet, hrGet) << std::hex << result.hrGet;
+        EXPECT_EQ(result.hrDelete, S_OK) << std::hex << result.hrDelete;
+        return ByKey(std::move(result), wszKey);
+    }
+    // The values of one property (an integer as decimal text) over the stored instances of szClass.
     std::set<std::wstring> StoredTexts(const char* szClass, const wchar_t* wszProperty);
 
     void SetUp() override;
@@ -79,21 +84,18 @@ protected:
 
     // Init with the event namespace and the feature identity {m_sFeature, "1.0", "TestContext"}.
     HRESULT InitKind(CNotfyBase& kind);
-    // DeviceIds of the stored instances of the test kind's class.
-    std::set<LONG> StoredDeviceIds();
     // A new event instance of szClass as the kind's current one, keyed by lDeviceId.
     void NewEvent(CNotfyTestKind& kind, LONG lDeviceId, const char* szClass = "KM_TestKind_Static");
 
+    std::vector<std::wstring> m_fixtures;
     std::unique_ptr<CCWMIAccess> m_pEvents;
     std::string m_sFeature = "TestFeature";
 };
 
-// A cycle's events by the text of one of their properties (e.g. DeviceId or Name).
-std::map<std::wstring, CycleEvent> EventsBy(std::vector<CycleEvent> events, const wchar_t* wszKey);
-
 // A property of an object as a VARIANT type and value, for checks.
 LONG GetI4(IWbemClassObject* pObject, const wchar_t* wszProperty, VARTYPE* pvt = nullptr);
 std::wstring GetText(IWbemClassObject* pObject, const wchar_t* wszProperty);
+std::wstring KeyText(IWbemClassObject* pObject, const wchar_t* wszProperty);  // an integer as decimal text
 // A VT_ARRAY | VT_BSTR property; {L"<none>"} when it is not such an array.
 std::vector<std::wstring> GetTexts(IWbemClassObject* pObject, const wchar_t* wszProperty);
 bool HasNoPut(IWbemClassObject* pObject);

@@ -1,7 +1,10 @@
-// The retrieval cycle, the instance list, SetEventType and the obsolescence scan of CNotfyBase.
+// The retrieval cycle, the instance list, SetEventType, the obsolescence scan and the threshold
+// query (GetThresholdState with the limits of its notification from KM_Filter) of CNotfyBase.
 #include "KindTestSupport.h"
 
 #include "GlobalTraceLog.h"
+
+#include <climits>
 
 namespace {
 
@@ -38,7 +41,7 @@ TEST_F(NotfyBaseTest, RequestsThatHandOutNothing)
     const CNotfyNames names = {"F", "V", "C"};
     EXPECT_EQ(kind.Init(nullptr, &names), E_INVALIDARG);
     EXPECT_EQ(kind.Init(*m_pEvents, nullptr), E_INVALIDARG);
-    kind.m_items = {{1, 1, nullptr}, {2, 1, nullptr}};
+    kind.m_items = {1, 2};
     kind.m_iFailingRetrievals = 1;
     ASSERT_EQ(InitKind(kind), S_OK);
     EXPECT_EQ(kind.GetInstances(nullptr, nullptr), E_INVALIDARG);
@@ -50,7 +53,7 @@ TEST_F(NotfyBaseTest, RequestsThatHandOutNothing)
     EXPECT_FALSE(kind.IsRetrieved());
     EXPECT_LE(CimStoreLiveObjects(), lBefore + 1);  // the access object may still hold its current instance
     // The next call retrieves again and reports only what that retrieval listed.
-    kind.m_items = {{7, 1, nullptr}};
+    kind.m_items = {7};
     EXPECT_EQ(kind.GetInstances(nullptr, &ulCount), S_OK);
     EXPECT_EQ(ulCount, 1u);
     EXPECT_EQ(kind.m_iRetrieveCalls, 2);
@@ -58,21 +61,18 @@ TEST_F(NotfyBaseTest, RequestsThatHandOutNothing)
     ASSERT_EQ(kind.GetInstances(array.pointers.data(), &ulCount), NOTFY_S_UNCHANGED);
     EXPECT_EQ(GetI4(array.pointers[0], L"DeviceId"), 7);
 
-    CNotfyTestKind empty;
-    ASSERT_EQ(InitKind(empty), S_OK);
-    EXPECT_EQ(empty.AddToList(), S_OK);  // without a current object: adds nothing
-    ulCount = 0xdeadbeef;
-    EXPECT_EQ(empty.GetInstances(nullptr, &ulCount), S_OK);
-    EXPECT_EQ(ulCount, 0u);
-
-    CNotfyTestKind unsupported;
-    unsupported.m_items = {{1, 1, nullptr}};
-    unsupported.m_bSupported = false;
-    ASSERT_EQ(InitKind(unsupported), S_OK);
-    ulCount = 0xdeadbeef;
-    EXPECT_EQ(unsupported.GetInstances(nullptr, &ulCount), S_OK);
-    EXPECT_EQ(ulCount, 0u);
-    EXPECT_EQ(unsupported.m_iRetrieveCalls, 0);
+    // AddToList without a current object adds nothing; an unsupported kind retrieves nothing.
+    for (const bool bSupported : {true, false}) {
+        CNotfyTestKind other;
+        other.m_bSupported = bSupported;
+        if (!bSupported)
+            other.m_items = {1};
+        ASSERT_EQ(InitKind(other), S_OK);
+        EXPECT_EQ(other.AddToList(), S_OK);
+        ulCount = 0xdeadbeef;
+        EXPECT_EQ(other.GetInstances(nullptr, &ulCount), S_OK);
+        EXPECT_EQ(std::make_pair(ulCount, other.m_iRetrieveCalls), std::make_pair(0ul, bSupported ? 1 : 0));
+    }
 }
 
 // Beyond the list's first block of ten, in the kind's order, served from the cache with one
@@ -81,21 +81,18 @@ TEST_F(NotfyBaseTest, ListIsCachedInOrderAndHandedOutWithAReferencePerCall)
 {
     constexpr size_t kItems = 23;
     const LONG lBefore = CimStoreLiveObjects();
-    InstanceArray first(kItems);
-    InstanceArray second(kItems);
+    InstanceArray first(kItems), second(kItems);
     {
         CNotfyTestKind kind;
         for (LONG l = 1; l <= static_cast<LONG>(kItems); ++l)
-            kind.m_items.push_back({l, 1, nullptr});
+            kind.m_items.push_back(l);
         ASSERT_EQ(InitKind(kind), S_OK);
         CimStoreClearContextRecords();
         const size_t uMark = GlobalTraceLog::Get().Mark();
         unsigned long ulCount = 0xdeadbeef;
         ASSERT_EQ(kind.GetInstances(nullptr, &ulCount), S_OK);
         ASSERT_EQ(ulCount, kItems);
-        wchar_t wszMethod[64] = {};
-        wchar_t wszFeature[64] = {};
-        wchar_t wszContext[64] = {};
+        wchar_t wszMethod[64] = {}, wszFeature[64] = {}, wszContext[64] = {};
         EXPECT_EQ(CimStoreGetContextRecord(0, L"FeatureName", wszMethod, 64, wszFeature, 64), S_OK);
         EXPECT_EQ(CimStoreGetContextRecord(0, L"ContextName", wszMethod, 64, wszContext, 64), S_OK);
         EXPECT_STREQ(wszFeature, L"TestFeature");
@@ -121,12 +118,8 @@ TEST_F(NotfyBaseTest, SetEventTypeComparesWithTheStoredInstance)
     ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\test_kind_stored.mof"));
     LoadMof(L"instance of KM_TestKind_Static { DeviceId = 6; EventStatus = 4294967295; };",
             L"root\\oxl1v2\\KM_Notification");
-    const struct {
-        LONG lDeviceId;  // stored status: 1 -> 1, 2 -> 2, 3 -> 3, 5 NULL, 6 0xFFFFFFFF, 99 not stored
-        unsigned long ulStatus;
-        LONG lType;  // -1: EventType stays unset
-        HRESULT hr;
-    } cases[] = {
+    // Stored status by DeviceId: 1 -> 1, 2 -> 2, 3 -> 3, 5 NULL, 6 0xFFFFFFFF, 99 not stored. lType -1: unset.
+    const struct { LONG lDeviceId; ULONG ulStatus; LONG lType; HRESULT hr; } cases[] = {
         {1, 1, 3, NOTFY_S_UNCHANGED}, {1, 2, 1, S_OK}, {1, 3, 1, S_OK}, {2, 1, 2, S_OK}, {2, 3, 1, S_OK},
         {3, 1, 2, S_OK}, {3, 3, 3, NOTFY_S_UNCHANGED}, {6, 1, 2, S_OK},  // the stored status compares as unsigned
         {5, 3, -1, S_OK}, {99, 0, 3, S_OK}, {99, 1, 3, S_OK}, {99, 2, 1, S_OK}, {99, 3, 1, S_OK}, {99, 4, 3, S_OK},
@@ -160,29 +153,23 @@ TEST_F(NotfyBaseTest, SetEventTypeComparesWithTheStoredInstance)
 TEST_F(NotfyBaseTest, ObsoleteScanListsAndDeletes)
 {
     constexpr char kNoPath[] = "Raising exception because Could not get the Path of the referenced object.";
-    const struct {
-        const char* szWhat;
-        std::set<LONG> obsoleteIds;                       // the kind's answer for live objects
-        const char* szReferencedNamespace;                // null: the kind's default
-        const wchar_t *wszFaultMethod, *wszFaultTarget;  // null: no fault
-        LONG lFaultNth;
-        HRESULT hrScan;
-        size_t uListed;
-        std::set<LONG> remaining;  // after DeleteObsoleteInstances
-        std::vector<const char*> traced;
-    } cases[] = {
-        {"vanished objects", {}, nullptr, nullptr, nullptr, 0, S_OK, 2, {1, 3, 5}, {kNoPath}},
-        {"the kind decides about live objects", {5, 3}, nullptr, nullptr, nullptr, 0, S_OK, 3, {1, 3}, {}},
-        {"no referenced namespace", {}, "", nullptr, nullptr, 0, S_OK, 0, {1, 2, 3, 4, 5},
+    // obsoleteIds: the kind's answer for live objects; szReferencedNamespace null: the kind's default;
+    // wszFaultMethod null: no fault; remaining: DeviceIds after DeleteObsoleteInstances.
+    const struct { const char* szWhat; std::set<LONG> obsoleteIds; const char* szReferencedNamespace;
+                   const wchar_t *wszFaultMethod, *wszFaultTarget; LONG lFaultNth; HRESULT hrScan; size_t uListed;
+                   std::set<std::wstring> remaining; std::vector<const char*> traced; } cases[] = {
+        {"vanished objects", {}, nullptr, nullptr, nullptr, 0, S_OK, 2, {L"1", L"3", L"5"}, {kNoPath}},
+        {"the kind decides about live objects", {5, 3}, nullptr, nullptr, nullptr, 0, S_OK, 3, {L"1", L"3"}, {}},
+        {"no referenced namespace", {}, "", nullptr, nullptr, 0, S_OK, 0, {L"1", L"2", L"3", L"4", L"5"},
          {"No instances to delete. ", "List of obsolete instances empty. Nothing to do."}},
         // The second of the four deletions (in key order) fails; the others go on.
-        {"failed deletion", {1, 5}, nullptr, L"DeleteInstance", L"KM_TestKind_Static", 2, S_OK, 4, {2, 3},
+        {"failed deletion", {1, 5}, nullptr, L"DeleteInstance", L"KM_TestKind_Static", 2, S_OK, 4, {L"2", L"3"},
          {"Delete Instance failed!"}},
         // The scan's result does not decide the deletion: nothing listed, nothing deleted.
         {"live namespace not opened", {}, nullptr, L"ConnectServer", L"root\\oxl1v2\\KM_TestLive", 0, kDenied, 0,
-         {1, 2, 3, 4, 5}, {kNoPath}},
+         {L"1", L"2", L"3", L"4", L"5"}, {kNoPath}},
         // Only the first scan fails; the deletion scans again.
-        {"unexpected lookup failure", {}, nullptr, L"GetObject", L"Test_Live", 2, kDenied, 0, {1, 3, 5},
+        {"unexpected lookup failure", {}, nullptr, L"GetObject", L"Test_Live", 2, kDenied, 0, {L"1", L"3", L"5"},
          {"Raising exception because an error occured (not WBEM_E_NOT_FOUND) when accessing the reference object."}},
     };
     for (const auto& c : cases) {
@@ -202,10 +189,52 @@ TEST_F(NotfyBaseTest, ObsoleteScanListsAndDeletes)
         EXPECT_EQ(kind.GetObsoleteCount(), c.uListed);
         EXPECT_EQ(kind.DeleteObsoleteInstances(), S_OK);
         EXPECT_EQ(kind.GetObsoleteCount(), 0u);
-        EXPECT_EQ(StoredDeviceIds(), c.remaining);
+        EXPECT_EQ(StoredTexts("KM_TestKind_Static", L"DeviceId"), c.remaining);
         for (const char* szTraced : c.traced)
             EXPECT_TRUE(Traced(uMark, szTraced)) << "no trace line '" << szTraced << "'";
     }
+}
+
+constexpr LONGLONG U = 0x5A5A5A5A5A5ALL;  // not written
+struct ThresholdQueryTest : KindTest {
+    // The state, and the four limits as written to LowWarning, LowCritical, HighWarning, HighCritical.
+    std::pair<unsigned long, std::vector<LONGLONG>> Classify(unsigned long ulNotfyId, ULONGLONG ullCurrent)
+    {
+        CNotfyTestKind kind(ulNotfyId);
+        EXPECT_EQ(InitKind(kind), S_OK);
+        std::vector<LONGLONG> limits(4, U);
+        return {kind.GetThresholdState(ullCurrent, &limits[0], &limits[1], &limits[2], &limits[3]), limits};
+    }
+};
+
+TEST_F(ThresholdQueryTest, ClassifiesWithTheStoredLimitsOfItsId)
+{
+    LoadMof(LR"(
+instance of KM_Filter { Id = 90; LowWarning = "10"; LowCritical = "5"; HighWarning = "80"; HighCritical = "90"; };
+instance of KM_Filter { Id = 91; LowWarning = "100"; LowCritical = "50"; HighWarning = "800"; HighCritical = "900"; };
+instance of KM_Filter { Id = 92; HighCritical = "90"; };
+instance of KM_Filter { Id = 93; LowWarning = "-1"; HighCritical = "-1"; };
+instance of KM_Filter { Id = 94; };
+)",
+            L"root\\oxl1v2\\KM_Notification");
+    // A negative limit compares as the largest value; no filter (95): the empty result counts as a failed query.
+    const struct { ULONG ulId; ULONGLONG ullCurrent; ULONG ulState; std::vector<LONGLONG> limits; } rows[] = {
+        {90, 3, 3, {10, 5, 80, 90}}, {90, 7, 2, {10, 5, 80, 90}}, {90, 50, 1, {10, 5, 80, 90}},
+        {90, 80, 2, {10, 5, 80, 90}}, {90, 95, 3, {10, 5, 80, 90}}, {91, 50, 3, {100, 50, 800, 900}},
+        {92, 89, 1, {U, U, U, 90}}, {92, 90, 3, {U, U, U, 90}}, {92, 0, 1, {U, U, U, 90}},
+        {93, 123456, 2, {-1, U, U, -1}}, {93, ULLONG_MAX, 3, {-1, U, U, -1}}, {94, 0, 1, {U, U, U, U}},
+        {95, 5, 0, {U, U, U, U}},
+    };
+    for (const auto& r : rows)
+        EXPECT_EQ(Classify(r.ulId, r.ullCurrent), std::make_pair(r.ulState, r.limits)) << r.ulId << " " << r.ullCurrent;
+    CNotfyTestKind kind;
+    ASSERT_EQ(InitKind(kind), S_OK);
+    EXPECT_EQ(kind.GetThresholdState(80, nullptr, nullptr, nullptr, nullptr), 2u);
+    ASSERT_EQ(CimStoreInjectFault(L"ExecQuery", nullptr, 0, WBEM_E_ACCESS_DENIED), S_OK);
+    const size_t uMark = GlobalTraceLog::Get().Mark();
+    EXPECT_EQ(Classify(90, 5), std::make_pair(0ul, std::vector<LONGLONG>(4, U)));
+    EXPECT_TRUE(Traced(uMark, "Could not get thresholds."));
+    EXPECT_TRUE(GlobalTraceLog::Get().Contains(uMark, "Method GetThresholdState has been left.", "State: 0"));
 }
 
 }  // namespace

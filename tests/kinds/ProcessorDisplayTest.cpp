@@ -1,7 +1,10 @@
-// The processor (id 58), display (id 60) and physical hard disk (id 65) change kinds.
-#include "KindScenario.h"
+// The processor (id 58), display (id 60), physical hard disk (id 65) and BIOS settings (id 63) change
+// kinds; the BIOS settings are compared with their nominal values.
+#include "KindTestSupport.h"
 
+#include "GlobalTraceLog.h"
 #include "TestRegistryKey.h"
+#include "notifications/inventory/CNotfyBiosSettingsChange.h"
 #include "notifications/inventory/CNotfyDisplayChange.h"
 #include "notifications/inventory/CNotfyPhysicalHDDChange.h"
 #include "notifications/inventory/CNotfyProcessorChange.h"
@@ -17,7 +20,7 @@ constexpr wchar_t kHp[] = L"HP E243";
 // Unescaped, this serial number would turn the removal search into "... = "Z" or SerialNumber <> """.
 constexpr wchar_t kHostileSerial[] = L"Z\\\" or SerialNumber <> \"";
 
-using ProcessorDisplayTest = KindScenario;
+using ProcessorDisplayTest = KindTest;
 
 TEST(ProcessorChangeRules, NumberBehindCpuAndIdsThatDifferOnlyWhenBothAreReported)
 {
@@ -44,12 +47,9 @@ TEST_F(ProcessorDisplayTest, ProcessorFirstUnchangedUpgradedAddedRemoved)
     ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\processor\\processors.mof"));
     Events first = Cycle<CNotfyProcessorChange>(L"DeviceId");
     ExpectEvents(first, {{L"0", 1, 58001, 3, false, {kStepping10, L"3300"}}}, "first");
-    ASSERT_EQ(first.count(L"0"), 1u);
-    EXPECT_EQ(GetText(first[L"0"].pEvent.Get(), L"Object"), L"COXL_PhysicalProcessor.DeviceID=\"CPU0\"");
-    EXPECT_EQ(GetI4(first[L"0"].pEvent.Get(), L"FamilyId"), 179);
-    EXPECT_EQ(GetI4(first[L"0"].pEvent.Get(), L"MaxSpeed"), 3300);
-    ExpectEvents(Cycle<CNotfyProcessorChange>(L"DeviceId"), {{L"0", 1, 58001, 3, true, {kStepping10, L"3300"}}},
-                 "unchanged");
+    IWbemClassObject* pFirst = first.at(L"0").pEvent.Get();
+    EXPECT_EQ(GetText(pFirst, L"Object"), L"COXL_PhysicalProcessor.DeviceID=\"CPU0\"");
+    EXPECT_EQ(std::make_pair(GetI4(pFirst, L"FamilyId"), GetI4(pFirst, L"MaxSpeed")), std::make_pair(179L, 3300L));
     // A new stepping in socket 0 is one change with the stored name and speed, not an addition and a removal.
     ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\processor\\upgraded.mof"));
     ExpectEvents(Cycle<CNotfyProcessorChange>(L"DeviceId"),
@@ -80,14 +80,11 @@ TEST_F(ProcessorDisplayTest, DisplaysOverCyclesAndOnDesktopChassisOnly)
     for (const auto& [wsSerial, event] : first)
         deviceIds.insert(GetI4(event.pEvent.Get(), L"DeviceId"));
     EXPECT_EQ(deviceIds, (std::set<LONG>{1, 2, 3}));
-    ASSERT_EQ(first.count(L"CN0DEF"), 1u);
-    EXPECT_EQ(GetText(first[L"CN0DEF"].pEvent.Get(), L"ObjectClass"), L"COXL_MonitorEnclosure");
+    EXPECT_EQ(GetText(first.at(L"CN0DEF").pEvent.Get(), L"ObjectClass"), L"COXL_MonitorEnclosure");
     DWORD dwType = REG_NONE, dwCalled = 0, cbCalled = sizeof(dwCalled);
     EXPECT_EQ(RegGetValueA(HKEY_LOCAL_MACHINE, kDisplaySettings, "AlreadyCalled", RRF_RT_ANY, &dwType, &dwCalled,
                            &cbCalled), ERROR_SUCCESS);
     EXPECT_EQ(std::make_pair(dwType, dwCalled), std::make_pair(DWORD{REG_DWORD}, DWORD{1}));
-    ExpectEvents(Cycle<CNotfyDisplayChange>(L"Serialnumber"), {want(kDell, L"CN0ABC", 1, true),
-                 want(kDell, L"CN0DEF", 1, true), want(kHp, kHostileSerial, 1, true)}, "unchanged");
     ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\display\\changed.mof"));
     ExpectEvents(Cycle<CNotfyDisplayChange>(L"Serialnumber"),
                  {want(kDell, L"CN0ABC", 1, true), want(kDell, L"CN0DEF", 1, true), want(kDell, L"CN0GHI", 2, false),
@@ -114,13 +111,75 @@ TEST_F(ProcessorDisplayTest, PhysicalDisksAnswerNotSupported)
 {
     LoadMof(L"instance of KM_PhysicalHDDChange_Static { Object = \"COXL_PhysicalHardDisk.DeviceID=\\\"Disk0\\\"\"; "
             L"DeviceId = 1; };", L"root\\oxl1v2\\KM_Notification");
-    const CycleResult result = RunAgentCycle<CNotfyPhysicalHDDChange>();
-    EXPECT_EQ(result.hrGet, static_cast<HRESULT>(WBEM_E_NOT_SUPPORTED)) << std::hex << result.hrGet;
-    EXPECT_TRUE(result.events.empty());
-    // The base ignores what the obsolete scan answers and deletes its empty list.
-    EXPECT_EQ(result.hrDelete, S_OK) << std::hex << result.hrDelete;
+    EXPECT_TRUE(Cycle<CNotfyPhysicalHDDChange>(L"DeviceId", static_cast<HRESULT>(WBEM_E_NOT_SUPPORTED)).empty());
     EXPECT_EQ(StoredTexts("KM_PhysicalHDDChange_Static", L"Object"),
               (std::set<std::wstring>{L"COXL_PhysicalHardDisk.DeviceID=\"Disk0\""}));
+}
+
+// The properties named by the "Property differs." lines since uMark, joined by commas.
+std::string DifferingProperties(size_t uMark)
+{
+    std::string sNames;
+    for (const auto& fields : GlobalTraceLog::Get().LinesSince(uMark))
+        if (fields.size() >= 9 && fields[7] == "Property differs.")  // "PropName: <name>, hrCmp: 0x<n>"
+            sNames += (sNames.empty() ? "" : ",") + fields[8].substr(10, fields[8].find(", hrCmp") - 10);
+    return sNames;
+}
+
+struct BiosSettingsTest : KindTest {
+    BiosSettingsTest() : KindTest({L"..\\..\\schema\\KM_Bios.mof"}) {}
+};
+
+TEST_F(BiosSettingsTest, MonitoredSettingsAreComparedWithTheirNominalValues)
+{
+    ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\bios\\table_classes.mof"));
+    constexpr wchar_t kNominal[] = L"BootSequence = \"HardDisk,USB\"; NumLock = true; AsfEnabled = 1;";
+    // szDiffering: the property traced as differing, none when the settings are nominal.
+    const struct { const char* szCase; const wchar_t *wszIs, *wszNominal; const char* szDiffering; } rows[] = {
+        {"equal", kNominal, kNominal, ""}, {"both null", L"", L"", ""},
+        {"case only", L"WakeOnLan = \"ENABLED\";", L"WakeOnLan = \"enabled\";", ""},
+        {"differs", L"AsfEnabled = 0;", L"AsfEnabled = 1;", "AsfEnabled"},
+        {"only nominal set", L"", L"WakeOnLan = \"Enabled\";", "WakeOnLan"},
+        {"unmonitored differs", L"BiosVersion = \"A10\";", L"BiosVersion = \"A12\";", ""},
+        {"empty qualifier", L"AssetTag = \"WS-0815\";", L"AssetTag = \"WS-4711\";", ""},
+        {"first differing decides", L"BootSequence = \"USB\"; NumLock = false;", kNominal, "BootSequence"},
+        {"array never equal", L"BootDevices = {\"HDD\"};", L"BootDevices = {\"HDD\"};", "BootDevices"},
+    };
+    const std::wstring wsSettings = L"instance of Test_BiosSettings { ObjId = \"BIOS0\"; ";
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.szCase);
+        ASSERT_NO_FATAL_FAILURE(LoadMof(wsSettings + row.wszIs + L" };\ninstance of Test_BiosSettingsNominal { ObjId = "
+                                        L"\"Nominal\"; " + row.wszNominal + L" };", L"root\\oxl1v2\\KM_Bios"));
+        const size_t uMark = GlobalTraceLog::Get().Mark();
+        const CycleEvent event = Cycle<CNotfyBiosSettingsChange>(L"DeviceId").at(L"BIOS0");
+        const bool bDeviates = *row.szDiffering != '\0';
+        EXPECT_EQ(std::make_pair(event.lStatus, event.lTextId),
+                  bDeviates ? std::make_pair(3L, 63003L) : std::make_pair(1L, 63001L));
+        EXPECT_EQ(DifferingProperties(uMark), row.szDiffering);
+    }
+}
+
+TEST_F(BiosSettingsTest, ADeviationIsReportedOnceAndSoIsTheReturnToNominal)
+{
+    ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\bios\\machine.mof"));
+    const struct { const wchar_t* wszChange; const char* szCycle; Want want; } cycles[] = {  // null: no change
+        {nullptr, "first", {L"BIOS0", 1, 63001, 3, false}},
+        {L"kinds\\bios\\deviation.mof", "deviation", {L"BIOS0", 3, 63003, 1, false}},
+        {nullptr, "unchanged deviation", {L"BIOS0", 3, 63003, 3, true}},
+        {L"kinds\\bios\\nominal_again.mof", "back to nominal", {L"BIOS0", 1, 63001, 3, false}},
+    };
+    for (const auto& cycle : cycles) {
+        if (cycle.wszChange) {
+            ASSERT_NO_FATAL_FAILURE(LoadFixture(cycle.wszChange)) << cycle.szCycle;
+        }
+        ExpectEvents(Cycle<CNotfyBiosSettingsChange>(L"DeviceId"), {cycle.want}, cycle.szCycle);
+    }
+    EXPECT_EQ(StoredTexts("KM_BiosSettingsChange_Static", L"Object"),
+              std::set<std::wstring>{L"COXL_BiosSettings.ObjId=\"BIOS0\""});
+    // The stored event refers to the settings in their own namespace, so it goes with them.
+    ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\bios\\removed.mof"));
+    EXPECT_TRUE(Cycle<CNotfyBiosSettingsChange>(L"DeviceId").empty());
+    EXPECT_TRUE(StoredTexts("KM_BiosSettingsChange_Static", L"DeviceId").empty());
 }
 
 }  // namespace

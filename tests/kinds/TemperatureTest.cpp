@@ -1,10 +1,11 @@
-// The temperature kind: families, classification and message numbers, and agent cycles against
-// probes in root\cimv2.
+// The temperature, voltage (id 11) and fan monitoring (id 8) kinds: families, classification and
+// message numbers, and agent cycles against probes in root\cimv2.
 #include "KindTestSupport.h"
 
 #include "GlobalTraceLog.h"
-#include "TempDir.h"
+#include "notifications/sensors/CNotfyFanMonitoring.h"
 #include "notifications/sensors/CNotfyTemperature.h"
+#include "notifications/sensors/CNotfyVoltage.h"
 
 #include <climits>
 
@@ -17,65 +18,37 @@ TEST(TemperatureClassify, LaterTestsOverrideEarlierOnesAndLimitsAreInclusive)
     using F = ETemperatureFamily;
     constexpr LONG N = LONG_MAX;  // upper limit absent
     constexpr CSensorThresholds kSys = {60, 70, 90, 5, 0, -20};
-    const struct {
-        ETemperatureFamily family;
-        LONG lReading;
-        CSensorThresholds limits;  // UNC, UC, UD, LNC, LC, LD; those left out are absent
-        unsigned long ulStatus;
-        LONG lTextId;
-    } cases[] = {
+    // limits: UNC, UC, UD, LNC, LC, LD; those left out are absent.
+    const struct { F family; LONG lReading; CSensorThresholds limits; ULONG ulStatus; LONG lTextId; } cases[] = {
         {F::SystemProbe, 45, {}, 1, 7021}, {F::SystemProbe, 60, kSys, 2, 7013}, {F::SystemProbe, 70, kSys, 3, 7017},
         {F::SystemProbe, 95, kSys, 3, 7005}, {F::SystemProbe, 5, kSys, 2, 7025}, {F::SystemProbe, 0, kSys, 3, 7025},
-        {F::SystemProbe, -20, kSys, 3, 7009},
-        {F::SystemProbe, 10, {5, N, N, 20}, 2, 7025},  // the lower tests come last
+        {F::SystemProbe, -20, kSys, 3, 7009}, {F::SystemProbe, 10, {5, N, N, 20}, 2, 7025},  // lower tests come last
         {F::GraphicCard, 85, {80, 95}, 2, 7204}, {F::GraphicCard, 99, {80, 95, 99}, 3, 7202},
-        {F::GraphicCard, -9, {N, N, N, 5, 0, -5}, 3, 7203},
-        {F::HardDisk, 61, {55, 60, 65}, 3, 7103}, {F::HardDisk, 65, {55, 60, 65}, 3, 7104},
-        {F::HardDisk, -30, {N, N, N, 5, 0, -20}, 3, -1},
+        {F::GraphicCard, -9, {N, N, N, 5, 0, -5}, 3, 7203}, {F::HardDisk, 61, {55, 60, 65}, 3, 7103},
+        {F::HardDisk, 65, {55, 60, 65}, 3, 7104}, {F::HardDisk, -30, {N, N, N, 5, 0, -20}, 3, -1},
         {F::IndexedProbe, 70, {50, 70, N, 10}, 3, 7305}, {F::IndexedProbe, 90, {50, 70, 90, 10}, 3, 7302},
         {F::IndexedProbe, 2, {50, N, N, 10, 2}, 3, 7307}, {F::IndexedProbe, -40, {50, N, N, 10, 2, -40}, 3, 7303},
     };
-    for (size_t i = 0; i < std::size(cases); ++i) {
-        const auto& c = cases[i];
+    for (const auto& c : cases) {
         const CSensorMessages* pMessages = CNotfyTemperature::GetMessages(c.family);
-        ASSERT_NE(pMessages, nullptr) << "row " << i;
-        unsigned long ulStatus = 0xdeadbeef;
-        LONG lTextId = 0x5a5a5a5a;
-        ClassifyReading(*pMessages, c.lReading, c.limits, &ulStatus, &lTextId);
-        EXPECT_EQ(ulStatus, c.ulStatus) << "row " << i << " reading " << c.lReading;
-        EXPECT_EQ(lTextId, c.lTextId) << "row " << i << " reading " << c.lReading;
+        ASSERT_NE(pMessages, nullptr) << "row " << (&c - cases);
+        std::pair<ULONG, LONG> result(0xdeadbeef, 0x5a5a5a5a);
+        ClassifyReading(*pMessages, c.lReading, c.limits, &result.first, &result.second);
+        EXPECT_EQ(result, std::make_pair(c.ulStatus, c.lTextId)) << "row " << (&c - cases);
     }
 }
 
-class TemperatureTest : public KindTest {
-protected:
-    void SetUp() override
-    {
-        KindTest::SetUp();
-        ASSERT_NO_FATAL_FAILURE(LoadFixture(L"..\\..\\schema\\cimv2.mof"));
-    }
-    // The events of one agent cycle by probe.
-    std::map<std::wstring, CycleEvent> Cycle()
-    {
-        CycleResult result = RunAgentCycle<CNotfyTemperature>();
-        EXPECT_EQ(result.hrGet, S_OK);
-        EXPECT_EQ(result.hrDelete, S_OK);
-        return EventsBy(std::move(result.events), L"DeviceId");
-    }
+struct TemperatureTest : KindTest {
+    TemperatureTest() : KindTest({L"..\\..\\schema\\cimv2.mof"}) {}
+    Events Cycle() { return KindTest::Cycle<CNotfyTemperature>(L"DeviceId"); }
 };
 
 // probes.mof has one probe of each family and four that are skipped (not present, unknown and
 // unsupported family, no reading); more are added from the table.
 TEST_F(TemperatureTest, AgentCyclesReportChangesMarkTheUnchangedAndDeleteTheRemoved)
 {
-    const struct {
-        const wchar_t* wszId;
-        const wchar_t* wszName;
-        const wchar_t* wszProperties;  // null: from the fixture
-        LONG lStatus;
-        LONG lTextId;
-        std::vector<std::wstring> arguments;
-    } probes[] = {
+    // wszProperties null: from the fixture.
+    const struct { const wchar_t *wszId, *wszName, *wszProperties; LONG lStatus, lTextId; Texts args; } probes[] = {
         {L"CPU", L"Processor", nullptr, 1, 7021, {L"<none>"}},
         {L"GPU", L"Graphics", nullptr, 1, 7206, {L"2"}},
         {L"Bay", L"Drive bay", nullptr, 1, 7306, {L"5"}},
@@ -92,28 +65,27 @@ TEST_F(TemperatureTest, AgentCyclesReportChangesMarkTheUnchangedAndDeleteTheRemo
     ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\temperature\\probes.mof"));
     ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\temperature\\hdd_enabled.mof"));
     std::wstring wsMof;
-    for (const auto& p : probes)
+    std::vector<Want> wants;  // a first non-normal state is a rise
+    std::set<std::wstring> ids;
+    for (const auto& p : probes) {
         if (p.wszProperties)
             wsMof += std::wstring(L"instance of COXL_TemperatureProbe { DeviceID = \"") + p.wszId + L"\"; Name = \"" +
                      p.wszName + L"\"; SensorPresent = true; " + p.wszProperties + L" };\n";
+        wants.push_back({p.wszId, p.lStatus, p.lTextId, p.lStatus == 1 ? 3 : 1, false, p.args});
+        ids.insert(p.wszId);
+    }
     ASSERT_NO_FATAL_FAILURE(LoadMof(wsMof, kCimv2));
     const size_t uMark = GlobalTraceLog::Get().Mark();
-    std::map<std::wstring, CycleEvent> events = Cycle();
-    EXPECT_EQ(events.size(), std::size(probes));
+    Events events = Cycle();
+    ExpectEvents(events, wants, "first");
     for (const auto& p : probes) {
-        const std::string sId = Narrow(p.wszId);
-        const auto it = events.find(p.wszId);
-        ASSERT_NE(it, events.end()) << sId;
-        EXPECT_EQ(it->second.lStatus, p.lStatus) << sId;
-        EXPECT_EQ(it->second.lTextId, p.lTextId) << sId;
-        EXPECT_EQ(it->second.arguments, p.arguments) << sId;
-        EXPECT_EQ(it->second.lType, p.lStatus == 1 ? 3 : 1) << sId << ": a first non-normal state is a rise";
-        EXPECT_FALSE(it->second.bNoPut) << sId;
-        EXPECT_EQ(GetText(it->second.pEvent.Get(), L"Name"), p.wszName) << sId;
-        EXPECT_EQ(GetText(it->second.pEvent.Get(), L"Object"),
+        if (!events.count(p.wszId))
+            continue;
+        EXPECT_EQ(GetText(events[p.wszId].pEvent.Get(), L"Name"), p.wszName);
+        EXPECT_EQ(GetText(events[p.wszId].pEvent.Get(), L"Object"),
                   std::wstring(L"COXL_TemperatureProbe.DeviceID=\"") + p.wszId + L"\"");
     }
-    EXPECT_EQ(StoredTexts("KM_Temperature_Static", L"DeviceId").size(), std::size(probes));
+    EXPECT_EQ(StoredTexts("KM_Temperature_Static", L"DeviceId"), ids);
     // Each bad probe skipped for its own reason, the warnings only for real errors.
     const GlobalTraceLog& log = GlobalTraceLog::Get();
     EXPECT_EQ(TraceLevelOf(uMark, "Raising exception because sensor not supported."), "Info");
@@ -124,58 +96,41 @@ TEST_F(TemperatureTest, AgentCyclesReportChangesMarkTheUnchangedAndDeleteTheRemo
                              "Catching an self-thrown HRESULT exception. This usually indicates an error, but I just "
                              "continue in the loop!",
                              "hr: 0x8004103e"));
-
-    events = Cycle();
-    EXPECT_EQ(events.size(), std::size(probes));
-    for (const auto& [id, event] : events) {
-        EXPECT_TRUE(event.bNoPut) << Narrow(id);
-        EXPECT_EQ(event.lType, 3) << Narrow(id);
-    }
-
-    const auto expect = [&](const wchar_t* wszId, LONG lStatus, LONG lTextId, LONG lType, bool bNoPut) {
-        const CycleEvent& event = events[wszId];
-        EXPECT_EQ(event.lStatus, lStatus) << Narrow(wszId);
-        EXPECT_EQ(event.lTextId, lTextId) << Narrow(wszId);
-        EXPECT_EQ(event.lType, lType) << Narrow(wszId);
-        EXPECT_EQ(event.bNoPut, bNoPut) << Narrow(wszId);
+    for (Want& w : wants)
+        w.lType = 3, w.bNoPut = true;
+    ExpectEvents(Cycle(), wants, "unchanged");
+    const auto but = [&](std::vector<Want> changed) {  // every probe unchanged but these
+        std::vector<Want> all = wants;
+        for (Want& w : all)
+            for (const Want& c : changed)
+                w = c.wsKey == w.wsKey ? c : w;
+        return all;
     };
     // The processor runs hot (a rise); the bay probe is renamed in the same state, still a change.
     ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\temperature\\changed.mof"));
     events = Cycle();
-    expect(L"CPU", 3, 7017, 1, false);
-    expect(L"Bay", 1, 7306, 3, false);
+    ExpectEvents(events, but({{L"CPU", 3, 7017, 1, false}, {L"Bay", 1, 7306, 3, false, {L"5"}}}), "hot");
     EXPECT_EQ(GetText(events[L"Bay"].pEvent.Get(), L"Name"), L"Front bay");
-    expect(L"GPU", 1, 7206, 3, true);
-    expect(L"Disk", 1, 7101, 3, true);
     // Hotter still: the same status with another message is reported.
     ASSERT_NO_FATAL_FAILURE(LoadMof(L"instance of COXL_TemperatureProbe { DeviceID = \"CPU\"; Name = \"Processor\"; "
                                     L"SensorPresent = true; SensorId = 1; CurrentReading = 95; "
                                     L"UpperThresholdCritical = 70; UpperThresholdDefect = 90; };",
                                     kCimv2));
-    events = Cycle();
-    expect(L"CPU", 3, 7005, 3, false);
-    // Cooled down again: a fall.
+    ExpectEvents(Cycle(), but({{L"CPU", 3, 7005, 3, false}}), "hotter");
+    // Cooled down again: a fall. Then the graphic card is taken out: its stored event is deleted as obsolete.
     ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\temperature\\probes.mof"));
-    events = Cycle();
-    expect(L"CPU", 1, 7021, 2, false);
-    // The graphic card is taken out: no event for it, and its stored one is deleted as obsolete.
+    ExpectEvents(Cycle(), but({{L"CPU", 1, 7021, 2, false}, {L"Bay", 1, 7306, 3, false, {L"5"}}}), "cooled");
     ASSERT_NO_FATAL_FAILURE(LoadFixture(L"kinds\\temperature\\removed.mof"));
-    events = Cycle();
-    EXPECT_EQ(events.size(), std::size(probes) - 1);
-    EXPECT_EQ(events.count(L"GPU"), 0u);
-    const std::set<std::wstring> stored = StoredTexts("KM_Temperature_Static", L"DeviceId");
-    EXPECT_EQ(stored.size(), std::size(probes) - 1);
-    EXPECT_EQ(stored.count(L"GPU"), 0u);
+    wants.erase(wants.begin() + 1);
+    ExpectEvents(Cycle(), wants, "removed");
+    ids.erase(L"GPU");
+    EXPECT_EQ(StoredTexts("KM_Temperature_Static", L"DeviceId"), ids);
 }
 
 TEST_F(TemperatureTest, HardDiskProbesNeedAnExplicitFalseOnKmTemperature)
 {
-    const struct {
-        const wchar_t* wszClass;  // null: no KM_Temperature at all
-        bool bReported;
-    } cases[] = {
-        {nullptr, false},
-        {L"class KM_Temperature { };", false},
+    const struct { const wchar_t* wszClass; bool bReported; } cases[] = {  // null: no KM_Temperature at all
+        {nullptr, false}, {L"class KM_Temperature { };", false},
         {L"[HDDSensorDeactivated(true)] class KM_Temperature { };", false},
         {L"[HDDSensorDeactivated(false)] class KM_Temperature { };", true},
     };
@@ -186,15 +141,12 @@ TEST_F(TemperatureTest, HardDiskProbesNeedAnExplicitFalseOnKmTemperature)
             ASSERT_NO_FATAL_FAILURE(LoadMof(c.wszClass, L"root\\oxl1v2\\KM_Notification"));
         }
         const size_t uMark = GlobalTraceLog::Get().Mark();
-        const std::map<std::wstring, CycleEvent> events = Cycle();
+        const Events events = Cycle();
         EXPECT_EQ(events.count(L"Disk"), c.bReported ? 1u : 0u);
         EXPECT_EQ(events.size(), c.bReported ? 4u : 3u);
         EXPECT_EQ(GlobalTraceLog::Get().Contains(uMark, "HDD sensor deactivated"), !c.bReported);
-        if (!c.bReported) {
-            EXPECT_EQ(
-                TraceLevelOf(uMark, "Raising exception because SetCommonData returned WBEM_S_SOURCE_NOT_AVAILABLE."),
-                "Info");
-        }
+        EXPECT_EQ(TraceLevelOf(uMark, "Raising exception because SetCommonData returned WBEM_S_SOURCE_NOT_AVAILABLE."),
+                  c.bReported ? "" : "Info");
     }
 }
 
@@ -206,18 +158,96 @@ TEST_F(TemperatureTest, EmptyQuerySucceedsAndAFailedQueryFails)
             ASSERT_EQ(CimStoreInjectFault(L"ExecQuery", nullptr, 0, hrFault), S_OK);
         }
         const size_t uMark = GlobalTraceLog::Get().Mark();
-        CNotfyTemperature kind;
-        ASSERT_EQ(InitKind(kind), S_OK);
-        unsigned long ulCount = 0xdeadbeef;
-        EXPECT_EQ(kind.GetInstances(nullptr, &ulCount), hrFault);
-        EXPECT_EQ(ulCount, 0u);
-        if (SUCCEEDED(hrFault)) {
-            EXPECT_EQ(TraceLevelOf(uMark, "Query did not return data. Continue with success."), "Verbose");
-        } else {
-            EXPECT_TRUE(GlobalTraceLog::Get().Contains(uMark, "Error executing query",
-                                                       "Query: select * from COXL_TemperatureProbe, hr: 0x80041003"));
-        }
+        EXPECT_TRUE(KindTest::Cycle<CNotfyTemperature>(L"DeviceId", hrFault).empty());
+        EXPECT_EQ(TraceLevelOf(uMark, "Query did not return data. Continue with success."),
+                  FAILED(hrFault) ? "" : "Verbose");
+        EXPECT_EQ(GlobalTraceLog::Get().Contains(uMark, "Error executing query",
+                                                 "Query: select * from COXL_TemperatureProbe, hr: 0x80041003"),
+                  FAILED(hrFault));
     }
+}
+
+TEST(VoltageClassify, OneFamilyWithInclusiveLimits)
+{
+    const CSensorThresholds rail = {12600, 13200, 14400, 11400, 10800, 10200};  // UNC, UC, UD, LNC, LC, LD
+    const struct { LONG lReading; CSensorThresholds limits; unsigned long ulStatus; LONG lTextId; } cases[] = {
+        {12000, {}, 1, 11018}, {12000, rail, 1, 11018}, {12600, rail, 2, 11012},
+        {13200, rail, 3, 11012},  // upper critical shares the non-critical number
+        {14400, rail, 3, 11006}, {11400, rail, 2, 11021}, {10800, rail, 3, 11024}, {10200, rail, 3, 11009},
+    };
+    for (const auto& c : cases) {
+        unsigned long ulStatus = 0xdeadbeef;
+        LONG lTextId = 0x5a5a5a5a;
+        ClassifyReading(CNotfyVoltage::kMessages, c.lReading, c.limits, &ulStatus, &lTextId);
+        EXPECT_EQ(std::make_pair(ulStatus, lTextId), std::make_pair(c.ulStatus, c.lTextId)) << "row " << (&c - cases);
+    }
+}
+
+TEST(FanKinds, BitFamiliesFirstThenTheTwelveFans)
+{
+    const struct { LONG lSensorId; bool bFault, bKnown; unsigned long ulStatus; LONG lTextId; Texts args; } cases[] = {
+        {0x1003, true, true, 3, 8712, {L"2"}},     {0x1001, false, true, 1, 8711, {L"0"}},
+        {0x3005, false, true, 1, 8711, {L"8196"}},  // both bits: the 0x1000 family
+        {-1, true, true, 3, 8712, {L"-4098"}},      // negative ids have bit 0x1000 set
+        {0x2004, false, true, 1, 8701, {L"4"}},     {0x2001, true, true, 3, 8702, {L"1"}},
+        {1, false, true, 1, 8007, {}}, {1, true, true, 3, 8008, {}}, {3, true, true, 3, 8006, {}},
+        {7, true, true, 3, 8542, {}}, {12, false, true, 1, 8591, {}}, {12, true, true, 3, 8592, {}},
+        {13, true, false, 0, 0, {}}, {0, false, false, 0, 0, {}}, {0x100, false, false, 0, 0, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE("SensorId " + std::to_string(c.lSensorId) + (c.bFault ? " fault" : ""));
+        CFanState state;
+        state.ulStatus = 0xdeadbeef;  // a fan that is not known leaves it
+        EXPECT_EQ(CNotfyFanMonitoring::ClassifyFan(c.lSensorId, c.bFault, &state), c.bKnown);
+        EXPECT_EQ(state.ulStatus, c.bKnown ? c.ulStatus : 0xdeadbeef);
+        EXPECT_EQ(std::make_tuple(state.lTextId, state.arguments), std::make_tuple(c.lTextId, c.args));
+    }
+}
+
+struct VoltageFanTest : KindTest {
+    VoltageFanTest() : KindTest({L"..\\..\\schema\\cimv2.mof", L"kinds\\voltage_fan\\machine.mof"}) {}
+};
+
+// Both kinds over one machine: a probe renamed in the same state is no change, another message in
+// the same status is; items of unknown, unsupported or unreadable sensors are skipped.
+TEST_F(VoltageFanTest, CyclesReportChangesButNotARename)
+{
+    const size_t uMark = GlobalTraceLog::Get().Mark();
+    const struct { const wchar_t* wszChange; const char* szCycle; std::vector<Want> wants; } cycles[] = {
+        {nullptr, "first",
+         {{L"VCORE", 1, 11018, 3, false}, {L"V12", 1, 11018, 3, false}, {L"V5SB", 2, 11021, 1, false},
+          {L"FAN1", 1, 8007, 3, false}, {L"FAN_SYS2", 1, 8711, 3, false, {L"2"}},
+          {L"FAN_PSU", 3, 8702, 1, false, {L"4"}}}},
+        {L"kinds\\voltage_fan\\changed.mof", "changed",
+         {{L"VCORE", 3, 11024, 1, false}, {L"V12", 1, 11018, 3, true}, {L"V5SB", 2, 11012, 3, false},
+          {L"FAN1", 1, 8007, 3, true}, {L"FAN_SYS2", 3, 8712, 1, false, {L"2"}},
+          {L"FAN_PSU", 1, 8701, 2, false, {L"4"}}}},
+        {L"kinds\\voltage_fan\\removed.mof", "removed",
+         {{L"VCORE", 3, 11024, 3, true}, {L"V5SB", 2, 11012, 3, true}, {L"FAN_SYS2", 3, 8712, 3, true, {L"2"}},
+          {L"FAN_PSU", 1, 8701, 3, true, {L"4"}}}},
+    };
+    for (const auto& cycle : cycles) {
+        if (cycle.wszChange) {
+            ASSERT_NO_FATAL_FAILURE(LoadFixture(cycle.wszChange)) << cycle.szCycle;
+        }
+        Events events = Cycle<CNotfyVoltage>(L"DeviceId");
+        events.merge(Cycle<CNotfyFanMonitoring>(L"DeviceId"));
+        ExpectEvents(events, cycle.wants, cycle.szCycle);
+    }
+    EXPECT_EQ(StoredTexts("KM_Voltage_Static", L"DeviceId"), (std::set<std::wstring>{L"VCORE", L"V5SB"}));
+    EXPECT_EQ(StoredTexts("KM_FanMonitoring_Static", L"DeviceId"), (std::set<std::wstring>{L"FAN_PSU", L"FAN_SYS2"}));
+    const GlobalTraceLog& log = GlobalTraceLog::Get();
+    EXPECT_TRUE(log.Contains(uMark, "Raising exception because of unknown Voltage sensor", "2"));
+    EXPECT_TRUE(log.Contains(uMark, "Raising exception because of unsupported Voltage sensor"));
+    EXPECT_TRUE(log.Contains(uMark, "Catching an self-thrown HRESULT exception. This usually indicates an error, but I "
+                                    "just continue in the loop!", "hr: 0x8004100c"));
+    EXPECT_TRUE(log.Contains(uMark, "Unknown fan", "Fan: 13"));
+    EXPECT_TRUE(log.Contains(uMark, "Raising exception because error getting 'FanFault' property"));
+    // The fan kind words a failed DeviceId its own way.
+    ASSERT_EQ(CimStoreInjectFault(L"Put", L"DeviceId", 0, WBEM_E_ACCESS_DENIED), S_OK);
+    const size_t uFault = log.Mark();
+    EXPECT_TRUE(Cycle<CNotfyFanMonitoring>(L"DeviceId").empty());
+    EXPECT_TRUE(log.Contains(uFault, "Raising exception because SetProperty on 'DeviceId' failed.", "hr 0x80041003"));
 }
 
 }  // namespace

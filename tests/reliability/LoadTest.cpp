@@ -1,6 +1,5 @@
-// Many requests on the example workstation: a long run on one handler leaves nothing behind, and
-// requests on several threads (with their own handlers or one shared handler, tracing or not)
-// answer exactly as one thread does.
+// Many requests on the example workstation: a long run on one handler leaves nothing behind, and requests
+// on several threads (with their own handlers or one shared handler, tracing or not) answer as one thread.
 #include "ProcessFootprint.h"
 #include "TestRegistryKey.h"
 #include "TraceFile.h"
@@ -37,7 +36,7 @@ protected:
         if (HasFatalFailure())
             return;
         ASSERT_NO_FATAL_FAILURE(LoadSettledWorkstation());
-        ComPtr<INotifications> pHandler = InitializedHandler();
+        const ComPtr<INotifications> pHandler = InitializedHandler();
         ASSERT_TRUE(pHandler);
         for (ULONG ulId : m_ids)
             m_expected[ulId] = Answer(pHandler.Get(), ulId);
@@ -52,23 +51,22 @@ protected:
         for (int t = 0; t < iThreads; ++t)
             threads.emplace_back([&, t] {
                 CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-                {
-                    // No test assertion off the main thread: a handler that cannot be made is a mismatch.
-                    ComPtr<INotifications> pOwn;
-                    CCBstr bstrNamespace(kWorkstationEvents);
-                    ULONG ulReturn = 0;
-                    if (!pShared && (FAILED(m_pModule->CreateHandler(pOwn)) ||
-                                     FAILED(pOwn->Initialize(bstrNamespace.Get(), &ulReturn))))
-                        ++iMismatches;
-                    INotifications* pHandler = pShared ? pShared : pOwn.Get();
-                    for (int r = 0; pHandler && r < iRequests; ++r) {
-                        const ULONG ulId = m_ids[static_cast<size_t>(r + t) % m_ids.size()];
-                        const std::wstring wsAnswer = Answer(pHandler, ulId);
-                        if (wsAnswer != m_expected.at(ulId) && iMismatches++ == 0)
-                            sFirst = "id " + std::to_string(ulId) + ": " + Narrow(wsAnswer) + " instead of " +
-                                     Narrow(m_expected.at(ulId));
-                    }
+                // No test assertion off the main thread: a handler that cannot be made is a mismatch.
+                ComPtr<INotifications> pOwn;
+                CCBstr bstrNamespace(kWorkstationEvents);
+                ULONG ulReturn = 0;
+                if (!pShared && (FAILED(m_pModule->CreateHandler(pOwn)) ||
+                                 FAILED(pOwn->Initialize(bstrNamespace.Get(), &ulReturn))))
+                    ++iMismatches;
+                INotifications* pHandler = pShared ? pShared : pOwn.Get();
+                for (int r = 0; pHandler && r < iRequests; ++r) {
+                    const ULONG ulId = m_ids[static_cast<size_t>(r + t) % m_ids.size()];
+                    const std::wstring wsAnswer = Answer(pHandler, ulId);
+                    if (wsAnswer != m_expected.at(ulId) && iMismatches++ == 0)
+                        sFirst = "id " + std::to_string(ulId) + ": " + Narrow(wsAnswer) + " instead of " +
+                                 Narrow(m_expected.at(ulId));
                 }
+                pOwn.Reset();  // while COM is still initialised on this thread
                 CoUninitialize();
             });
         for (std::thread& thread : threads)
@@ -83,7 +81,7 @@ protected:
 
 TEST_F(LoadTest, ThousandRequestsOnOneHandlerLeaveNothingBehind)
 {
-    ComPtr<INotifications> pHandler = InitializedHandler();
+    const ComPtr<INotifications> pHandler = InitializedHandler();
     ASSERT_TRUE(pHandler);
     SIZE_T cbAfterWarmUp = 0;
     DWORD dwHandlesAfterWarmUp = 0;
@@ -105,7 +103,7 @@ TEST_F(LoadTest, ThousandRequestsOnOneHandlerLeaveNothingBehind)
 TEST_F(LoadTest, ThreadsWithOwnOrSharedHandlersAnswerAsOneThread)
 {
     RunThreads(8, 1000, nullptr);
-    ComPtr<INotifications> pShared = InitializedHandler();
+    const ComPtr<INotifications> pShared = InitializedHandler();
     ASSERT_TRUE(pShared);
     RunThreads(4, 1000, pShared.Get());
 }
@@ -126,13 +124,11 @@ TEST_F(LoadTest, TracingFromEightThreadsWritesWholeLines)
         m_pModule.reset();
     }
     const TraceFileContent content = ReadTraceFile(wsFile);
-    EXPECT_TRUE(content.bHasBom);
-    EXPECT_TRUE(content.bEndsWithLineEnd);
+    EXPECT_TRUE(content.bHasBom && content.bEndsWithLineEnd);
     ASSERT_GT(content.lines.size(), 1000u);
-    for (const std::wstring& wsLine : content.lines) {
-        ASSERT_EQ(SplitFields(wsLine).size(), 9u) << Narrow(wsLine);
-        ASSERT_EQ(wsLine.find_first_of(L"\r\n"), std::wstring::npos) << Narrow(wsLine);
-    }
+    for (const std::wstring& wsLine : content.lines)
+        ASSERT_TRUE(SplitFields(wsLine).size() == 9u && wsLine.find_first_of(L"\r\n") == std::wstring::npos)
+            << Narrow(wsLine);
 }
 
 }  // namespace

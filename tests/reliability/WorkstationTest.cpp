@@ -4,10 +4,8 @@
 
 using Microsoft::WRL::ComPtr;
 
-namespace {
-
 // Every .mof file of a folder but the change, which tests apply themselves.
-void CopyMofFiles(const std::wstring& wsFrom, const TempDir& to, const std::wstring& wsPrefix)
+static void CopyMofFiles(const std::wstring& wsFrom, const TempDir& to, const std::wstring& wsPrefix)
 {
     WIN32_FIND_DATAW fd;
     const HANDLE hFind = FindFirstFileW((wsFrom + L"\\*.mof").c_str(), &fd);
@@ -20,8 +18,6 @@ void CopyMofFiles(const std::wstring& wsFrom, const TempDir& to, const std::wstr
     } while (FindNextFileW(hFind, &fd));
     FindClose(hFind);
 }
-
-}  // namespace
 
 WbemObjects ReturnedObjects(const CCVariant& value)
 {
@@ -57,8 +53,7 @@ void WorkstationTest::SetUp()
     m_pModule = std::make_unique<MoradelModule>();
     ASSERT_TRUE(m_pModule->Loaded()) << GetLastError();
     wchar_t wszRoot[MAX_PATH] = {};
-    const DWORD cch = GetFullPathNameW(FixturePath(L"..\\..").c_str(), MAX_PATH, wszRoot, nullptr);
-    ASSERT_TRUE(cch > 0 && cch < MAX_PATH);
+    ASSERT_LT(GetFullPathNameW(FixturePath(L"..\\..").c_str(), MAX_PATH, wszRoot, nullptr), DWORD{MAX_PATH});
     const std::wstring wsRoot = wszRoot;
     ASSERT_NO_FATAL_FAILURE(CopyMofFiles(wsRoot + L"\\schema", m_folder, L"00_"));  // loaded first
     ASSERT_NO_FATAL_FAILURE(CopyMofFiles(wsRoot + L"\\examples\\workstation", m_folder, L""));
@@ -75,8 +70,7 @@ void WorkstationTest::TearDown()
 
 void WorkstationTest::LoadWorkstation()
 {
-    // CimStore saves every write into the folder it loaded.
-    DeleteFileW(m_folder.File(L"state.mof").c_str());
+    DeleteFileW(m_folder.File(L"state.mof").c_str());  // CimStore saves every write into the folder it loaded
     wchar_t wszError[1024] = {};
     const HRESULT hr = CimStoreLoadRepository(m_folder.Path().c_str(), wszError, 1024);
     ASSERT_EQ(hr, S_OK) << std::hex << hr << " " << Narrow(wszError);

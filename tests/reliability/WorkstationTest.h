@@ -1,6 +1,5 @@
-// Requests on the example workstation: the repository assembled as the demo does it (the schema
-// first, the machine after it, without its change) in a folder of the test, and Moradel.dll loaded
-// with handlers made through its class factory.
+// Requests on the example workstation: the repository assembled as the demo does it (the schema first, then
+// the machine without its change) in a folder of the test; Moradel.dll loaded, handlers from its class factory.
 #pragma once
 
 #include "CimStoreTest.h"
@@ -14,9 +13,8 @@
 
 inline constexpr wchar_t kWorkstationEvents[] = L"root\\oxl1v2\\KM_Notification";
 
-// The objects of a VT_ARRAY | VT_VARIANT answer of GetInstances.
-WbemObjects ReturnedObjects(const CCVariant& value);
-std::vector<ULONG> TableIds();  // every id of the handler's table, in its order
+WbemObjects ReturnedObjects(const CCVariant& value);  // the objects of a VT_ARRAY | VT_VARIANT answer
+std::vector<ULONG> TableIds();                        // every id of the handler's table, in its order
 inline std::string IdTestName(const testing::TestParamInfo<ULONG>& info) { return "Id" + std::to_string(info.param); }
 
 class WorkstationTest : public CimStoreTest {
@@ -25,8 +23,7 @@ protected:
     void TearDown() override;
     void LoadWorkstation();  // without the state that earlier runs saved in the folder
     Microsoft::WRL::ComPtr<INotifications> InitializedHandler();
-    // One agent cycle of an id on a new handler: the events, those without NoPut written back,
-    // then the obsolete ones deleted.
+    // One agent cycle of an id on a new handler: its events, those without NoPut written back, obsolete ones deleted.
     void RunAgentCycle(ULONG ulId);
     // Loaded, then two cycles over every id: afterwards a request changes nothing in the store.
     void LoadSettledWorkstation();

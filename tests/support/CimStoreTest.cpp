@@ -1,7 +1,5 @@
 #include "CimStoreTest.h"
 
-#include "TempDir.h"
-
 #include <objbase.h>
 
 void CimStoreTest::SetUp()
@@ -32,9 +30,4 @@ void CimStoreTest::LoadFixture(const std::wstring& wsRelativePath)
     wchar_t wszError[1024] = {};
     const HRESULT hr = CimStoreLoadMofFile(FixturePath(wsRelativePath).c_str(), L"root\\default", wszError, 1024);
     ASSERT_EQ(hr, S_OK) << std::hex << hr << " " << Narrow(wszError);
-}
-
-std::wstring CimStoreTest::FixturePath(const std::wstring& wsRelativePath)
-{
-    return Widen(MORADEL_FIXTURES) + L"\\" + wsRelativePath;
 }

@@ -2,6 +2,7 @@
 // initialised, the repository starts empty, and no COM object of CimStore may outlive the test.
 #pragma once
 
+#include "TempDir.h"
 #include "cimstore/com/CimStoreControl.h"
 
 #include <gtest/gtest.h>
@@ -15,7 +16,7 @@ protected:
     // Compiles MOF text into the repository; fails the test with the compiler's message.
     void LoadMof(const std::wstring& wsText, const wchar_t* wszNamespace = L"root\\default");
     void LoadFixture(const std::wstring& wsRelativePath);  // a file of tests/fixtures
-    static std::wstring FixturePath(const std::wstring& wsRelativePath);
+    static std::wstring FixturePath(const std::wstring& wsPath) { return Widen(MORADEL_FIXTURES) + L"\\" + wsPath; }
 
     LONG m_lBaselineObjects = 0;
     bool m_bComInitialized = false;

@@ -19,11 +19,7 @@ public:
     void Remove(const char* szName) { RegDeleteValueA(m_hKey, szName); }
 
 private:
-    struct Saved {
-        const char* szName;
-        DWORD dwType = 0;
-        std::optional<std::string> data;
-    };
+    struct Saved { const char* szName; DWORD dwType = 0; std::optional<std::string> data; };
     HANDLE m_hMutex;
     HKEY m_hKey = nullptr;
     Saved m_saved[2] = {{"DependencyTables", 0, std::nullopt}, {"ComponentRoot", 0, std::nullopt}};

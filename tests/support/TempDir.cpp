@@ -1,30 +1,7 @@
 #include "TempDir.h"
 
-#include <windows.h>
-
 #include <atomic>
-
-namespace {
-
-void RemoveTree(const std::wstring& wsDir)
-{
-    WIN32_FIND_DATAW fd;
-    const HANDLE hFind = FindFirstFileW((wsDir + L"\\*").c_str(), &fd);
-    for (bool bMore = hFind != INVALID_HANDLE_VALUE; bMore; bMore = FindNextFileW(hFind, &fd)) {
-        const std::wstring wsName = fd.cFileName;
-        if (wsName == L"." || wsName == L"..")
-            continue;
-        if (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-            RemoveTree(wsDir + L"\\" + wsName);
-        else
-            DeleteFileW((wsDir + L"\\" + wsName).c_str());
-    }
-    if (hFind != INVALID_HANDLE_VALUE)
-        FindClose(hFind);
-    RemoveDirectoryW(wsDir.c_str());
-}
-
-}  // namespace
+#include <filesystem>
 
 TempDir::TempDir()
 {
@@ -38,12 +15,8 @@ TempDir::TempDir()
 
 TempDir::~TempDir()
 {
-    RemoveTree(m_wsPath);
-}
-
-bool FileExists(const std::wstring& wsPath)
-{
-    return GetFileAttributesW(wsPath.c_str()) != INVALID_FILE_ATTRIBUTES;
+    std::error_code error;  // what cannot be removed stays
+    std::filesystem::remove_all(m_wsPath, error);
 }
 
 std::string Narrow(const std::wstring& ws)
@@ -52,9 +25,4 @@ std::string Narrow(const std::wstring& ws)
     for (wchar_t wc : ws)
         s += wc < 0x80 ? static_cast<char>(wc) : '?';
     return s;
-}
-
-std::wstring Widen(const std::string& s)
-{
-    return std::wstring(s.begin(), s.end());
 }

@@ -1,6 +1,8 @@
 // A fresh folder under the Wine user's temp folder, removed with its content.
 #pragma once
 
+#include <windows.h>
+
 #include <string>
 
 class TempDir {
@@ -17,6 +19,6 @@ private:
     std::wstring m_wsPath;
 };
 
-bool FileExists(const std::wstring& wsPath);
+inline bool FileExists(const std::wstring& ws) { return GetFileAttributesW(ws.c_str()) != INVALID_FILE_ATTRIBUTES; }
 std::string Narrow(const std::wstring& ws);  // non-ASCII characters become '?'
-std::wstring Widen(const std::string& s);
+inline std::wstring Widen(const std::string& s) { return std::wstring(s.begin(), s.end()); }

@@ -5,10 +5,9 @@
 TestRegistryKey::TestRegistryKey(const std::string& sPath) : m_sPath(sPath)
 {
     RegDeleteTreeA(HKEY_LOCAL_MACHINE, m_sPath.c_str());
-    EXPECT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, m_sPath.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &m_hKey,
-                              nullptr),
-              ERROR_SUCCESS)
-        << m_sPath;
+    const LONG lError =
+        RegCreateKeyExA(HKEY_LOCAL_MACHINE, m_sPath.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &m_hKey, nullptr);
+    EXPECT_EQ(lError, ERROR_SUCCESS) << m_sPath;
 }
 
 TestRegistryKey::~TestRegistryKey()

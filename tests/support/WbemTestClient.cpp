@@ -5,13 +5,11 @@ using Microsoft::WRL::ComPtr;
 HRESULT ConnectWmi(const wchar_t* wszNamespace, ComPtr<IWbemServices>& pServices, IWbemContext* pContext)
 {
     ComPtr<IWbemLocator> pLocator;
+    CCBstr bstrNamespace(wszNamespace);
     const HRESULT hr = CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemLocator,
                                         reinterpret_cast<void**>(pLocator.GetAddressOf()));
-    if (FAILED(hr))
-        return hr;
-    CCBstr bstrNamespace(wszNamespace);
-    return pLocator->ConnectServer(bstrNamespace.Get(), nullptr, nullptr, nullptr, 0, nullptr, pContext,
-                                   pServices.ReleaseAndGetAddressOf());
+    return FAILED(hr) ? hr : pLocator->ConnectServer(bstrNamespace.Get(), nullptr, nullptr, nullptr, 0, nullptr,
+                                                     pContext, pServices.ReleaseAndGetAddressOf());
 }
 
 HRESULT QueryAll(IWbemServices* pServices, const std::wstring& wsQuery, WbemObjects& out)
