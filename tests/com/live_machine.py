@@ -9,20 +9,11 @@ import sys
 import tempfile
 from pathlib import Path
 
+from cli_checks import check, failures, windows_path
+
 wine_run, notifyctl, schema, limits = sys.argv[1], sys.argv[2], Path(sys.argv[3]), Path(sys.argv[4])
 # Other processes write to the same disks while the test reads them.
 SLACK_MIB = 64
-
-failures = []
-
-
-def check(condition, what):
-    if not condition:
-        failures.append(what)
-
-
-def windows_path(path):
-    return "Z:" + str(path).replace("/", "\\")
 
 
 def run(repository, *args):

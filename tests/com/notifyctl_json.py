@@ -8,17 +8,9 @@ import sys
 import tempfile
 from pathlib import Path
 
+from cli_checks import check, failures, windows_path
+
 wine_run, notifyctl, schema = sys.argv[1], sys.argv[2], Path(sys.argv[3])
-failures = []
-
-
-def check(condition, what):
-    if not condition:
-        failures.append(what)
-
-
-def windows_path(path):
-    return "Z:" + str(path).replace("/", "\\")
 
 
 def notifyctl_json(repository, *args):
