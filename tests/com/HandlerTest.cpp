@@ -5,6 +5,7 @@
 #include "GlobalTraceLog.h"
 #include "MoradelModule.h"
 #include "TempDir.h"
+#include "WbemTestClient.h"
 
 #include "access/CCWMIAccess.h"
 #include "access/ComHolders.h"
@@ -25,26 +26,6 @@ constexpr wchar_t kEventNamespace[] = L"root\\oxl1v2\\KM_Notification";
 constexpr ULONG kSentinel = 0xdeadbeef;
 constexpr ULONG kFailedBefore = 0xFFFFFFFF;
 constexpr HRESULT kNothingToDelete = 0x00040017;
-
-// The elements of a VT_ARRAY | VT_VARIANT result (one dimension, from 0) as event instances.
-std::vector<ComPtr<IWbemClassObject>> Elements(const CCVariant& value)
-{
-    std::vector<ComPtr<IWbemClassObject>> objects;
-    const SAFEARRAY* psa = value.Type() == (VT_ARRAY | VT_VARIANT) ? V_ARRAY(&value.Get()) : nullptr;
-    if (!psa || psa->cDims != 1 || psa->rgsabound[0].lLbound != 0) {
-        ADD_FAILURE() << "no array from 0, type " << value.Type();
-        return objects;
-    }
-    for (ULONG i = 0; i < psa->rgsabound[0].cElements; ++i) {
-        const VARIANT& element = static_cast<const VARIANT*>(psa->pvData)[i];
-        ComPtr<IWbemClassObject> pObject;
-        if (V_VT(&element) != VT_UNKNOWN || !V_UNKNOWN(&element) ||
-            FAILED(V_UNKNOWN(&element)->QueryInterface(IID_IWbemClassObject, &pObject)))
-            ADD_FAILURE() << "element " << i << " is no instance";
-        objects.push_back(pObject);
-    }
-    return objects;
-}
 
 // A property as text: a VT_I4 as "i4 <decimal>", a VT_BSTR as it is.
 std::wstring Field(IWbemClassObject* pObject, const wchar_t* wszName)
@@ -160,7 +141,7 @@ TEST_F(HandlerTest, SimulationYieldsOneFreshEventPerRequestAndKeepsNoReference)
             ULONG ulReturn = kSentinel;
             ASSERT_EQ(pHandler->GetInstances(59, instances.Ptr(), &ulReturn), S_OK) << iRequest;
             EXPECT_EQ(ulReturn, 0u);
-            const auto objects = Elements(instances);
+            const auto objects = ReturnedObjects(instances);
             ASSERT_EQ(objects.size(), 1u) << iRequest;
             const std::pair<const wchar_t*, const wchar_t*> aFields[] = {
                 {L"__CLASS", L"KM_Notifications"}, {L"DeviceId", L"i4 1"}, {L"EventStatus", L"i4 1"},
@@ -271,7 +252,7 @@ TEST_F(HandlerTest, TypeLibraryAnswersAndInvokeFillsTheCallersVariant)
     DISPPARAMS params = {args, nullptr, 2, 0};
     ASSERT_EQ(pDispatch->Invoke(3, IID_NULL, 0, DISPATCH_METHOD, &params, result.GetAddress(), nullptr, nullptr), S_OK);
     EXPECT_TRUE(result.Type() == VT_UI4 && V_UI4(&result.Get()) == 0);
-    EXPECT_EQ(Elements(instances).size(), 1u);
+    EXPECT_EQ(ReturnedObjects(instances).size(), 1u);
 }
 
 TEST(IdTable, EveryIdCreatesAKindAnsweringItAndAnUnknownIdNone)
@@ -357,10 +338,11 @@ TEST_F(HandlerTest, CollectedArraysKeepTheListOrder)
         EXPECT_EQ(CNotificationHandler::CollectInstances(std::move(pKind), 59, instances.Ptr(), &ulReturn), hr);
         EXPECT_EQ(ulReturn, hr == S_OK ? 0u : 59u);
         std::vector<LONG> ids;
-        for (const auto& pObject : hr == S_OK ? Elements(instances) : std::vector<ComPtr<IWbemClassObject>>{})
+        for (const auto& pObject : hr == S_OK ? ReturnedObjects(instances) : WbemObjects{})
             ids.push_back(wcstol(Field(pObject.Get(), L"DeviceId").c_str() + 3, nullptr, 10));
         EXPECT_EQ(ids, hr == S_OK ? script : std::vector<LONG>{}) << script.size();
-        EXPECT_TRUE(hr == S_OK || (instances.Type() == VT_I4 && V_I4(&instances.Get()) == 17));
+        EXPECT_EQ(instances.Type(), hr == S_OK ? VT_ARRAY | VT_VARIANT : VT_I4) << script.size();
+        EXPECT_TRUE(hr == S_OK || V_I4(&instances.Get()) == 17);
     }
 }
 

@@ -19,26 +19,6 @@ static void CopyMofFiles(const std::wstring& wsFrom, const TempDir& to, const st
     FindClose(hFind);
 }
 
-WbemObjects ReturnedObjects(const CCVariant& value)
-{
-    WbemObjects objects;
-    SAFEARRAY* psa = value.Type() == (VT_ARRAY | VT_VARIANT) ? V_ARRAY(&value.Get()) : nullptr;
-    VARIANT* pElements = nullptr;
-    if (!psa || FAILED(SafeArrayAccessData(psa, reinterpret_cast<void**>(&pElements))))
-        return objects;
-    for (ULONG i = 0; i < psa->rgsabound[0].cElements; ++i) {
-        ComPtr<IWbemClassObject> pObject;
-        if (V_VT(&pElements[i]) == VT_UNKNOWN && V_UNKNOWN(&pElements[i]))
-            V_UNKNOWN(&pElements[i])->QueryInterface(IID_IWbemClassObject,
-                                                     reinterpret_cast<void**>(pObject.GetAddressOf()));
-        EXPECT_TRUE(pObject) << "array element " << i << " is no object";
-        if (pObject)
-            objects.push_back(pObject);
-    }
-    SafeArrayUnaccessData(psa);
-    return objects;
-}
-
 std::vector<ULONG> TableIds()
 {
     std::vector<ULONG> ids;

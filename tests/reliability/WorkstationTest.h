@@ -13,7 +13,6 @@
 
 inline constexpr wchar_t kWorkstationEvents[] = L"root\\oxl1v2\\KM_Notification";
 
-WbemObjects ReturnedObjects(const CCVariant& value);  // the objects of a VT_ARRAY | VT_VARIANT answer
 std::vector<ULONG> TableIds();                        // every id of the handler's table, in its order
 inline std::string IdTestName(const testing::TestParamInfo<ULONG>& info) { return "Id" + std::to_string(info.param); }
 

@@ -1,5 +1,7 @@
 #include "WbemTestClient.h"
 
+#include <gtest/gtest.h>
+
 using Microsoft::WRL::ComPtr;
 
 HRESULT ConnectWmi(const wchar_t* wszNamespace, ComPtr<IWbemServices>& pServices, IWbemContext* pContext)
@@ -45,4 +47,29 @@ std::wstring PropertyText(IWbemClassObject* pObject, const wchar_t* wszName)
     if (value.Type() != VT_BSTR && FAILED(VariantChangeType(value.Ptr(), value.Ptr(), 0, VT_BSTR)))
         return L"<unprintable>";
     return V_BSTR(&value.Get()) ? V_BSTR(&value.Get()) : L"";
+}
+
+WbemObjects ReturnedObjects(const CCVariant& value)
+{
+    WbemObjects objects;
+    if (!(value.Type() & VT_ARRAY))  // a failed request leaves the caller's VARIANT as it was
+        return objects;
+    SAFEARRAY* psa = value.Type() == (VT_ARRAY | VT_VARIANT) ? V_ARRAY(&value.Get()) : nullptr;
+    VARIANT* pElements = nullptr;
+    if (!psa || psa->cDims != 1 || psa->rgsabound[0].lLbound != 0 ||
+        FAILED(SafeArrayAccessData(psa, reinterpret_cast<void**>(&pElements)))) {
+        ADD_FAILURE() << "no array from 0, type " << value.Type();
+        return objects;
+    }
+    for (ULONG i = 0; i < psa->rgsabound[0].cElements; ++i) {
+        ComPtr<IWbemClassObject> pObject;
+        if (V_VT(&pElements[i]) != VT_UNKNOWN || !V_UNKNOWN(&pElements[i]) ||
+            FAILED(V_UNKNOWN(&pElements[i])->QueryInterface(IID_IWbemClassObject,
+                                                            reinterpret_cast<void**>(pObject.GetAddressOf()))))
+            ADD_FAILURE() << "element " << i << " is no instance";
+        else
+            objects.push_back(pObject);
+    }
+    SafeArrayUnaccessData(psa);
+    return objects;
 }
