@@ -1,10 +1,11 @@
 # Steps of the registration fixtures. A Wine program that starts while the prefix's services are
-# still coming up can fail once; each step is tried three times before the fixture fails.
+# still coming up can fail once, or hang; each step is tried three times, a minute at most each,
+# before the fixture fails.
 
 function(wine_step)
     foreach(attempt RANGE 1 3)
         execute_process(COMMAND ${EMULATOR} ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE output
-                        ERROR_VARIABLE errors)
+                        ERROR_VARIABLE errors TIMEOUT 60)
         if(result EQUAL 0)
             return()
         endif()
@@ -17,7 +18,8 @@ endfunction()
 # The default value of key (a registry path as reg.exe spells it) must match pattern.
 function(wine_expect_server key pattern)
     foreach(attempt RANGE 1 3)
-        execute_process(COMMAND ${EMULATOR} reg query ${key} /ve OUTPUT_VARIABLE output ERROR_VARIABLE errors)
+        execute_process(COMMAND ${EMULATOR} reg query ${key} /ve OUTPUT_VARIABLE output ERROR_VARIABLE errors
+                        TIMEOUT 60)
         if(output MATCHES "${pattern}")
             return()
         endif()
